@@ -1,14 +1,16 @@
 // STRING_UTIL Base64: the RFC 4648 alphabet and padding, no line breaks. The encoder and decoder
-// cores work on plain buffers and return malloc blocks; the exported operations wrap them.
+// cores work on plain buffers; the exported operations wrap them and hand them the result string's
+// own storage as the block to fill, so the output is written once, in place, with no copy.
 //
 // Decoding keeps the behaviour callers rely on: "=" passes validation anywhere and then counts as
 // 255 in 8-bit arithmetic; the low bits of the last real character are ignored; a NUL ends input.
 #include "zoth/text/STRING_UTIL.h"
 
 #include <array>
+#include <bit>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
+#include <new>
 
 namespace ZOTH {
 
@@ -62,18 +64,46 @@ constexpr std::array<std::array<uint32_t, 256>, 4> MakeSpreadTables() {
 }
 constexpr std::array<std::array<uint32_t, 256>, 4> kSpread = MakeSpreadTables();
 
-// Encodes `length` bytes; null for a length below 1 or when the allocation fails. The caller frees.
-char* Base64EncodeBuffer(const unsigned char* data, int32_t length) {
+inline uint64_t LoadBig64(const unsigned char* p) {
+    // Written out so that compilers turn it into one load and a byte swap.
+    return static_cast<uint64_t>(p[0]) << 56 | static_cast<uint64_t>(p[1]) << 48 |
+           static_cast<uint64_t>(p[2]) << 40 | static_cast<uint64_t>(p[3]) << 32 |
+           static_cast<uint64_t>(p[4]) << 24 | static_cast<uint64_t>(p[5]) << 16 |
+           static_cast<uint64_t>(p[6]) << 8 | static_cast<uint64_t>(p[7]);
+}
+
+// Stores the low three bytes of `word` lowest first, and one byte more.
+inline void StoreLittle32(unsigned char* p, uint32_t word) {
+    if constexpr (std::endian::native == std::endian::little) {
+        std::memcpy(p, &word, 4);
+    } else {
+        for (int i = 0; i < 4; ++i)
+            p[i] = static_cast<unsigned char>(word >> (8 * i));
+    }
+}
+
+// Encodes `length` bytes into a block of the caller's `allocate`; null for a length below 1 or when
+// the allocation fails.
+template <typename Allocate>
+char* Base64EncodeBuffer(const unsigned char* data, int32_t length, Allocate allocate) {
     if (length <= 0) return nullptr;
     size_t count = static_cast<size_t>(length);
     size_t pad = count % 3 == 0 ? 0 : 3 - count % 3;
     size_t textLength = (count + pad) / 3 * 4;
-    char* text = static_cast<char*>(std::malloc(textLength + 1));
+    char* text = static_cast<char*>(allocate(textLength + 1));
     if (text == nullptr) return nullptr;
 
     const unsigned char* in = data;
     char* out = text;
-    for (size_t groups = count / 3; groups > 0; --groups) {
+    // Two groups per step from one 8-byte read, while 8 bytes remain to be read.
+    for (; count - static_cast<size_t>(in - data) >= 8; in += 6, out += 8) {
+        uint64_t bits = LoadBig64(in);
+        std::memcpy(out, kPairs[(bits >> 52) & 0xFFF].c, 2);
+        std::memcpy(out + 2, kPairs[(bits >> 40) & 0xFFF].c, 2);
+        std::memcpy(out + 4, kPairs[(bits >> 28) & 0xFFF].c, 2);
+        std::memcpy(out + 6, kPairs[(bits >> 16) & 0xFFF].c, 2);
+    }
+    for (size_t groups = (count - static_cast<size_t>(in - data)) / 3; groups > 0; --groups) {
         uint32_t bits = static_cast<uint32_t>(in[0]) << 16 | static_cast<uint32_t>(in[1]) << 8 | in[2];
         std::memcpy(out, kPairs[bits >> 12].c, 2);
         std::memcpy(out + 2, kPairs[bits & 0xFFF].c, 2);
@@ -113,36 +143,43 @@ bool DecodeGroupSlowly(const unsigned char* group, unsigned char bytes[3]) {
 
 // Decodes the text up to its NUL. Null for empty text, a length that is no multiple of 4, a byte
 // outside the alphabet or a failed allocation. Otherwise the bytes followed by a NUL, with *size the
-// byte count plus 1. The caller frees.
-unsigned char* Base64DecodeBuffer(const char* text, size_t* size) {
+// byte count plus 1, in a block of the caller's `allocate`. Validation runs along with decoding, so
+// a text found invalid gives its block back through `release`.
+template <typename Allocate, typename Release>
+unsigned char* Base64DecodeBuffer(const char* text, size_t* size, Allocate allocate, Release release) {
     size_t length = std::strlen(text);
     if (length == 0 || length % 4 != 0) return nullptr;
     const unsigned char* in = reinterpret_cast<const unsigned char*>(text);
     size_t pad = in[length - 1] != '=' ? 0 : in[length - 2] == '=' ? 2 : 1;
 
     *size = length - (length - 4) / 4 - pad;
-    unsigned char* bytes = static_cast<unsigned char*>(std::malloc(*size));
+    unsigned char* bytes = static_cast<unsigned char*>(allocate(*size));
     if (bytes == nullptr) return nullptr;
 
     unsigned char* out = bytes;
     size_t groups = length / 4;
-    for (size_t g = 0; g < groups; ++g, in += 4) {
+    // Every group but the last stores four bytes; the fourth lands where the next group's output
+    // begins and is written over by it.
+    for (size_t g = 0; g + 1 < groups; ++g, in += 4, out += 3) {
         uint32_t word = kSpread[0][in[0]] | kSpread[1][in[1]] | kSpread[2][in[2]] | kSpread[3][in[3]];
-        unsigned char group[3];
         if (word & kBadFlag) {
+            unsigned char group[3];
             if (!DecodeGroupSlowly(in, group)) {
-                std::free(bytes);
+                release(bytes);
                 return nullptr;
             }
+            std::memcpy(out, group, 3);
         } else {
-            group[0] = static_cast<unsigned char>(word);
-            group[1] = static_cast<unsigned char>(word >> 8);
-            group[2] = static_cast<unsigned char>(word >> 16);
+            StoreLittle32(out, word);
         }
-        size_t take = g + 1 < groups ? 3 : 3 - pad;
-        std::memcpy(out, group, take);
-        out += take;
     }
+    // The last group writes only the bytes its padding leaves.
+    unsigned char group[3];
+    if (!DecodeGroupSlowly(in, group)) {
+        release(bytes);
+        return nullptr;
+    }
+    std::memcpy(out, group, 3 - pad);
     bytes[*size - 1] = '\0';
     return bytes;
 }
@@ -151,20 +188,35 @@ unsigned char* Base64DecodeBuffer(const char* text, size_t* size) {
 
 std::string STRING_UTIL::Base64Encode(const std::string& bytes) {
     if (bytes.size() > static_cast<size_t>(INT32_MAX)) return std::string(); // beyond the core's length
-    char* text = Base64EncodeBuffer(reinterpret_cast<const unsigned char*>(bytes.data()),
-                                    static_cast<int32_t>(bytes.size()));
-    if (text == nullptr) return std::string();
-    std::string result(text, (bytes.size() + 2) / 3 * 4); // the text's length up to its NUL
-    std::free(text);
+    std::string result;
+    // The block is the result's storage: size - 1 characters and its terminator.
+    auto intoResult = [&result](size_t size) -> void* {
+        try {
+            result.resize(size - 1);
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
+        return result.data();
+    };
+    if (Base64EncodeBuffer(reinterpret_cast<const unsigned char*>(bytes.data()),
+                           static_cast<int32_t>(bytes.size()), intoResult) == nullptr)
+        return std::string();
     return result;
 }
 
 std::string STRING_UTIL::Base64Decode(const std::string& text) {
     size_t size = 0;
-    unsigned char* bytes = Base64DecodeBuffer(text.c_str(), &size);
-    if (bytes == nullptr) return std::string();
-    std::string result(reinterpret_cast<const char*>(bytes), size - 1); // by count: NULs are data
-    std::free(bytes);
+    std::string result;
+    auto intoResult = [&result](size_t size) -> void* {
+        try {
+            result.resize(size - 1); // the decoded bytes, counted, NULs among them
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
+        return result.data();
+    };
+    auto discard = [&result](void*) { result.clear(); };
+    if (Base64DecodeBuffer(text.c_str(), &size, intoResult, discard) == nullptr) return std::string();
     return result;
 }
 
