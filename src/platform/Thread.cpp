@@ -3,6 +3,7 @@
 // its thread signals as it ends. Handles are only entry points to the state (shared_ptr), so a wait
 // keeps the state alive even if another thread closes the handle meanwhile, and a thread's state
 // outlives a closed handle.
+#if !defined(_WIN32) // on Windows these calls come from the system
 #include "platform/KernelObject.h"
 #include "zoth/platform/Win32Thread.h"
 
@@ -255,3 +256,5 @@ BOOL GetExitCodeThread(HANDLE hThread, LPDWORD lpExitCode) {
     *lpExitCode = state->signalled ? state->exitCode : STILL_ACTIVE;
     return TRUE;
 }
+
+#endif // !_WIN32
