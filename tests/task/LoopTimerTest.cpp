@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 using namespace task_test;
 
@@ -109,7 +110,9 @@ TEST(TaskLoopTimer, WithoutAFullPairTheLoopCannotEnd) {
     // Such a loop runs until the process ends, so its object and mutex are never freed.
     static std::mutex onlyMutex;
     static std::condition_variable unrelated;
-    static Counter* timer = new Counter();
+    static std::vector<Counter*> neverFreed; // keeps them reachable for the leak checker
+    Counter* timer = new Counter();
+    neverFreed.push_back(timer);
     timer->SetTimerDuringTime(20);
     timer->SetGlobalExitMutex(&onlyMutex); // no condition variable: no exit waits
     timer->StartTimer();
