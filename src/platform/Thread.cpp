@@ -17,6 +17,7 @@
 #include <memory>
 #include <mutex>
 #include <new>
+#include <shared_mutex>
 #include <unordered_set>
 
 #if defined(__SANITIZE_THREAD__)
@@ -48,7 +49,7 @@ struct SyncHandle : ZOTH::platform::KernelObject {
 
 // The handles that are open now. A handle value is looked up here before use, so a closed or foreign
 // handle gives ERROR_INVALID_HANDLE rather than a read of freed memory.
-std::mutex g_handlesMutex;
+std::shared_mutex g_handlesMutex; // shared for look-ups, exclusive for opening and closing
 std::unordered_set<const SyncHandle*>& OpenHandles() {
     static auto* handles = new std::unordered_set<const SyncHandle*>(); // never freed: used at exit
     return *handles;
@@ -60,14 +61,14 @@ HANDLE Register(std::shared_ptr<SyncState> state) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
-    std::lock_guard<std::mutex> lock(g_handlesMutex);
+    std::lock_guard<std::shared_mutex> lock(g_handlesMutex);
     OpenHandles().insert(handle);
     return handle;
 }
 
 BOOL SyncHandle::Close() {
     {
-        std::lock_guard<std::mutex> lock(g_handlesMutex);
+        std::lock_guard<std::shared_mutex> lock(g_handlesMutex);
         OpenHandles().erase(this);
     }
     delete this;
@@ -76,7 +77,7 @@ BOOL SyncHandle::Close() {
 
 // The state behind an open event or thread handle, or null (with ERROR_INVALID_HANDLE).
 std::shared_ptr<SyncState> StateOf(HANDLE handle) {
-    std::lock_guard<std::mutex> lock(g_handlesMutex);
+    std::shared_lock<std::shared_mutex> lock(g_handlesMutex);
     auto found = OpenHandles().find(static_cast<const SyncHandle*>(handle));
     if (handle == nullptr || found == OpenHandles().end()) {
         SetLastError(ERROR_INVALID_HANDLE);
@@ -143,8 +144,11 @@ BOOL SetEvent(HANDLE hEvent) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    std::lock_guard<std::mutex> lock(state->mutex);
-    state->signalled = true;
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        state->signalled = true;
+    }
+    // Woken outside the lock, so the waiter does not block on it at once; `state` keeps it alive.
     if (state->manualReset)
         state->changed.notify_all();
     else
