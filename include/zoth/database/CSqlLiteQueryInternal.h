@@ -71,10 +71,6 @@ public:
     bool FieldIndex(const char* name, int& index);
 
 private:
-    bool ValidColumn(int index) const;
-    // True when the column exists and its current value is not SQL NULL.
-    bool ReadableValue(int index) const;
-
     sqlite3* m_pDb;        // the statement's connection; never closed here
     sqlite3_stmt* m_pStmt; // the statement being walked, null when none is held
     bool m_bEof;           // SQLite has said SQLITE_DONE
