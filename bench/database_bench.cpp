@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <sqlite3.h>
 #include <string>
+#include <time.h>
 
 using ZOTH::CDataBaseInfo;
 using ZOTH::CSqlLiteInternal;
@@ -142,6 +143,66 @@ void BM_CursorReadByName(benchmark::State& state) {
     db.CloseDB();
 }
 
+// Thread CPU seconds: steadier than wall time on a shared, loaded machine.
+double CpuSeconds() {
+    timespec ts{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
+    return ts.tv_sec + ts.tv_nsec / 1e9;
+}
+
+// Both readers in every iteration, one after the other, so that load changes hit both alike;
+// reports rows/s of each (CPU time) and the ratio cursor / raw.
+void BM_CursorVsRawRatio(benchmark::State& state) {
+    sqlite3* raw = nullptr;
+    if (sqlite3_open(Files().rows.c_str(), &raw) != SQLITE_OK) std::abort();
+    CSqlLiteInternal db;
+    Open(db, Files().rows);
+    std::string sql = kSelect, text;
+    double rawSeconds = 0, cursorSeconds = 0;
+    long long rawRows = 0, cursorRows = 0;
+    for (auto _ : state) {
+        double t0 = CpuSeconds();
+        sqlite3_stmt* stmt = nullptr;
+        sqlite3_prepare_v2(raw, kSelect, -1, &stmt, nullptr);
+        while (sqlite3_step(stmt) == SQLITE_ROW) {
+            int i = sqlite3_column_int(stmt, 0);
+            double r = sqlite3_column_double(stmt, 1);
+            const unsigned char* t = sqlite3_column_text(stmt, 2);
+            text.assign(t ? reinterpret_cast<const char*>(t) : "");
+            benchmark::DoNotOptimize(i);
+            benchmark::DoNotOptimize(r);
+            benchmark::DoNotOptimize(text.data());
+            ++rawRows;
+        }
+        sqlite3_finalize(stmt);
+        double t1 = CpuSeconds();
+        CSqlLiteQueryInternal q;
+        DWORD code = 0;
+        if (db.ExecQuery(sql, q, code) != 1) std::abort();
+        for (; !q.Eof(); q.NextRow()) {
+            int i = 0;
+            double r = 0;
+            q.GetIntField(0, i);
+            q.GetFloatField(1, r);
+            q.GetStringField(2, text);
+            benchmark::DoNotOptimize(i);
+            benchmark::DoNotOptimize(r);
+            benchmark::DoNotOptimize(text.data());
+            ++cursorRows;
+        }
+        q.Finalize();
+        double t2 = CpuSeconds();
+        rawSeconds += t1 - t0;
+        cursorSeconds += t2 - t1;
+    }
+    double rawRate = rawRows / rawSeconds, cursorRate = cursorRows / cursorSeconds;
+    state.counters["raw_rows_per_s"] = rawRate;
+    state.counters["cursor_rows_per_s"] = cursorRate;
+    state.counters["cursor_over_raw"] = cursorRate / rawRate;
+    db.CloseDB();
+    sqlite3_close(raw);
+}
+
 // One iteration = one write blocked by another connection's write lock, until the busy handler
 // gives up. Expected: about 210 ms (21 sleeps of 10 ms), well below 500 ms.
 void BM_BlockedWriteGivesUp(benchmark::State& state) {
@@ -168,6 +229,7 @@ void BM_BlockedWriteGivesUp(benchmark::State& state) {
 BENCHMARK(BM_RawSqliteRead)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 BENCHMARK(BM_CursorRead)->Unit(benchmark::kMillisecond)->MinTime(3.0);
 BENCHMARK(BM_CursorReadByName)->Unit(benchmark::kMillisecond)->MinTime(3.0);
+BENCHMARK(BM_CursorVsRawRatio)->Unit(benchmark::kMillisecond)->Iterations(10);
 BENCHMARK(BM_BlockedWriteGivesUp)->Unit(benchmark::kMillisecond)->Iterations(10)->UseRealTime();
 
 BENCHMARK_MAIN();
