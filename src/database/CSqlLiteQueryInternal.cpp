@@ -31,13 +31,14 @@ CSqlLiteQueryInternal::CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other)
     : m_pDb(other.m_pDb), m_pStmt(other.m_pStmt), m_bEof(other.m_bEof), m_nCols(other.m_nCols),
       m_bOwnStmt(false) {}
 
+// An owner assigned a copy of itself (or itself) stays the owner, else nobody would finalize.
 CSqlLiteQueryInternal& CSqlLiteQueryInternal::operator=(const CSqlLiteQueryInternal& other) {
-    if (this == &other) return *this; // keep ownership of our own statement
+    bool stillOwner = m_bOwnStmt && m_pStmt != nullptr && m_pStmt == other.m_pStmt;
     m_pDb = other.m_pDb;
     m_pStmt = other.m_pStmt;
     m_bEof = other.m_bEof;
     m_nCols = other.m_nCols;
-    m_bOwnStmt = false;
+    m_bOwnStmt = stillOwner;
     return *this;
 }
 

@@ -365,6 +365,7 @@ TEST(DatabaseCursor, CopiesShareButNeverFinalizeTheStatement) {
     assigned = q;
     CSqlLiteQueryInternal& same = q;
     q = same;                     // self-assignment keeps ownership
+    q = assigned;                 // so does taking back a copy of its own statement
     EXPECT_EQ(0, c.db.CloseDB()); // the statement is still alive
     assigned.Finalize();
     EXPECT_EQ(0, c.db.CloseDB());

@@ -17,7 +17,8 @@ public:
     // A copy addresses the same statement but does not own it: only the original finalizes it, and
     // a copy must not be used after that.
     CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other);
-    // As the copy; a statement the target held is not finalized.
+    // As the copy, except that an owner assigned its own statement stays the owner. A different
+    // statement the target held is not finalized: call Finalize first.
     CSqlLiteQueryInternal& operator=(const CSqlLiteQueryInternal& other);
     // Finalizes the statement if this cursor owns one.
     virtual ~CSqlLiteQueryInternal();
