@@ -72,6 +72,28 @@ inline uint64_t LoadBig64(const unsigned char* p) {
            static_cast<uint64_t>(p[6]) << 8 | static_cast<uint64_t>(p[7]);
 }
 
+inline uint16_t PairBits(uint64_t index) {
+    uint16_t pair;
+    std::memcpy(&pair, kPairs[index & 0xFFF].c, 2);
+    return pair;
+}
+
+// Writes the eight characters of the top 48 bits of `bits`.
+inline void StoreChars8(char* out, uint64_t bits) {
+    if constexpr (std::endian::native == std::endian::little) {
+        uint64_t chars = static_cast<uint64_t>(PairBits(bits >> 52)) |
+                         static_cast<uint64_t>(PairBits(bits >> 40)) << 16 |
+                         static_cast<uint64_t>(PairBits(bits >> 28)) << 32 |
+                         static_cast<uint64_t>(PairBits(bits >> 16)) << 48;
+        std::memcpy(out, &chars, 8);
+    } else {
+        std::memcpy(out, kPairs[(bits >> 52) & 0xFFF].c, 2);
+        std::memcpy(out + 2, kPairs[(bits >> 40) & 0xFFF].c, 2);
+        std::memcpy(out + 4, kPairs[(bits >> 28) & 0xFFF].c, 2);
+        std::memcpy(out + 6, kPairs[(bits >> 16) & 0xFFF].c, 2);
+    }
+}
+
 // Stores the low three bytes of `word` lowest first, and one byte more.
 inline void StoreLittle32(unsigned char* p, uint32_t word) {
     if constexpr (std::endian::native == std::endian::little) {
@@ -95,13 +117,13 @@ char* Base64EncodeBuffer(const unsigned char* data, int32_t length, Allocate all
 
     const unsigned char* in = data;
     char* out = text;
-    // Two groups per step from one 8-byte read, while 8 bytes remain to be read.
-    for (; count - static_cast<size_t>(in - data) >= 8; in += 6, out += 8) {
-        uint64_t bits = LoadBig64(in);
-        std::memcpy(out, kPairs[(bits >> 52) & 0xFFF].c, 2);
-        std::memcpy(out + 2, kPairs[(bits >> 40) & 0xFFF].c, 2);
-        std::memcpy(out + 4, kPairs[(bits >> 28) & 0xFFF].c, 2);
-        std::memcpy(out + 6, kPairs[(bits >> 16) & 0xFFF].c, 2);
+    // Four groups per step from two 8-byte reads, while 14 bytes remain to be read; eight characters
+    // go out in one store.
+    for (; count - static_cast<size_t>(in - data) >= 14; in += 12, out += 16) {
+        uint64_t first = LoadBig64(in);
+        uint64_t second = LoadBig64(in + 6);
+        StoreChars8(out, first);
+        StoreChars8(out + 8, second);
     }
     for (size_t groups = (count - static_cast<size_t>(in - data)) / 3; groups > 0; --groups) {
         uint32_t bits = static_cast<uint32_t>(in[0]) << 16 | static_cast<uint32_t>(in[1]) << 8 | in[2];
@@ -160,7 +182,19 @@ unsigned char* Base64DecodeBuffer(const char* text, size_t* size, Allocate alloc
     size_t groups = length / 4;
     // Every group but the last stores four bytes; the fourth lands where the next group's output
     // begins and is written over by it.
-    for (size_t g = 0; g + 1 < groups; ++g, in += 4, out += 3) {
+    size_t g = 0;
+    if constexpr (std::endian::native == std::endian::little) {
+        // Two groups per step with one 8-byte store, while two more groups follow to write over
+        // its two spare bytes.
+        for (; g + 3 < groups; g += 2, in += 8, out += 6) {
+            uint32_t first = kSpread[0][in[0]] | kSpread[1][in[1]] | kSpread[2][in[2]] | kSpread[3][in[3]];
+            uint32_t second = kSpread[0][in[4]] | kSpread[1][in[5]] | kSpread[2][in[6]] | kSpread[3][in[7]];
+            if ((first | second) & kBadFlag) break;
+            uint64_t six = static_cast<uint64_t>(first) | static_cast<uint64_t>(second) << 24;
+            std::memcpy(out, &six, 8);
+        }
+    }
+    for (; g + 1 < groups; ++g, in += 4, out += 3) {
         uint32_t word = kSpread[0][in[0]] | kSpread[1][in[1]] | kSpread[2][in[2]] | kSpread[3][in[3]];
         if (word & kBadFlag) {
             unsigned char group[3];
