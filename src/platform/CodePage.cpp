@@ -11,6 +11,7 @@
 #include <cstring>
 #include <cwchar>
 #include <iconv.h>
+#include <mutex>
 #include <string>
 
 namespace ZOTH::platform {
@@ -37,14 +38,14 @@ bool IsAnsiCodePage(UINT codePage) {
            codePage != 12000 && codePage != 12001 && codePage != 54936;
 }
 
-// Owns one iconv descriptor.
+// Owns one iconv descriptor. Opening and closing go through one lock: they may load and unload
+// glibc's converter modules, which the dynamic loader does under locks of its own that thread
+// checkers cannot see. Conversions on separate descriptors need no lock.
 class Converter {
 public:
     Converter() = default;
-    Converter(const std::string& to, const std::string& from) : cd_(iconv_open(to.c_str(), from.c_str())) {}
-    ~Converter() {
-        if (Ok()) iconv_close(cd_);
-    }
+    Converter(const std::string& to, const std::string& from) { Open(to, from); }
+    ~Converter() { Close(); }
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
     bool Ok() const { return cd_ != None(); }
@@ -68,16 +69,33 @@ public:
             }
         }
         Slot& slot = row[replace[toWide ? 1 : 0]++ % kSlots];
-        if (slot.converter.Ok()) iconv_close(slot.converter.cd_);
         std::string name = IconvName(codePage);
-        slot.converter.cd_ =
-            toWide ? iconv_open("UTF-16LE", name.c_str()) : iconv_open(name.c_str(), "UTF-32LE");
+        if (toWide)
+            slot.converter.Open("UTF-16LE", name);
+        else
+            slot.converter.Open(name, "UTF-32LE");
         slot.page = slot.converter.Ok() ? codePage : 0;
         return slot.converter;
     }
 
 private:
     static iconv_t None() { return reinterpret_cast<iconv_t>(-1); }
+    static std::mutex& Lock() {
+        static std::mutex lock;
+        return lock;
+    }
+    void Open(const std::string& to, const std::string& from) {
+        std::lock_guard<std::mutex> hold(Lock());
+        if (Ok()) iconv_close(cd_);
+        cd_ = iconv_open(to.c_str(), from.c_str());
+    }
+    void Close() {
+        if (!Ok()) return;
+        std::lock_guard<std::mutex> hold(Lock());
+        iconv_close(cd_);
+        cd_ = None();
+    }
+
     iconv_t cd_ = None();
 };
 
