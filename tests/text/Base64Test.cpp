@@ -83,4 +83,18 @@ TEST(TextBase64, DecodeQuirks) {
     // NUL bytes decode by count, not cut at the first one.
     EXPECT_EQ(STRING_UTIL::Base64Decode("AAAA"), std::string(3, '\0'));
     EXPECT_EQ(STRING_UTIL::Base64Decode("AAAAQQ=="), std::string("\0\0\0A", 4));
+
+    // Long texts go through the block paths: every alphabet character, and a block holding "=" or a
+    // bad byte somewhere in the middle.
+    const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text = alphabet + alphabet + alphabet + alphabet;
+    EXPECT_EQ(STRING_UTIL::Base64Encode(STRING_UTIL::Base64Decode(text)), text);
+    std::string blocks(64, 'A');
+    EXPECT_EQ(STRING_UTIL::Base64Decode(blocks + "AA=A" + blocks),
+              std::string(48, '\0') + std::string("\x00\x3F\xC0", 3) + std::string(48, '\0'));
+    for (size_t at : {0u, 5u, 17u, 31u, 64u, 100u, 131u}) {
+        std::string bad = blocks + blocks + "AAAA";
+        bad[at] = '.';
+        EXPECT_EQ(STRING_UTIL::Base64Decode(bad), "") << at;
+    }
 }
