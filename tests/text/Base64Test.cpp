@@ -21,6 +21,17 @@ TEST(TextBase64, EncodeShape) {
     EXPECT_EQ(STRING_UTIL::Base64Encode("\xFB\xFF\xBF"), "+/+/"); // the two last alphabet characters
     EXPECT_EQ(STRING_UTIL::Base64Encode("\xFF"), "/w==");         // missing bits are zero
 
+    // A long input goes through the block paths; expected text made with the base64 command.
+    std::string steps;
+    for (int b = 0; b < 256; b += 5)
+        steps += static_cast<char>(b);
+    for (int b = 255; b > 0; b -= 7)
+        steps += static_cast<char>(b);
+    EXPECT_EQ(
+        STRING_UTIL::Base64Encode(steps),
+        "AAUKDxQZHiMoLTI3PEFGS1BVWl9kaW5zeH2Ch4yRlpugpaqvtLm+w8jN0tfc4ebr8PX6///48erj3NXOx8C5squknZaPiIF6c2xl"
+        "XldQSUI7NC0mHxgRCgM=");
+
     // Length always a multiple of 4, no line break however long.
     for (size_t n : {1u, 2u, 3u, 57u, 58u, 76u, 1000u, 100000u}) {
         std::string text = STRING_UTIL::Base64Encode(std::string(n, '\xAB'));
