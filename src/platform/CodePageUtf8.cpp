@@ -116,12 +116,27 @@ long long DecodeUtf8(const unsigned char* s, const unsigned char* end, wchar_t* 
             continue;
         }
 
-        // Runs of well-formed 2-byte (Latin, Greek, Cyrillic...) or 3-byte (CJK) sequences.
+        // Runs of well-formed 2-byte sequences (Latin, Greek, Cyrillic...) with the short ASCII
+        // stretches between them, or of 3-byte sequences (CJK).
         const unsigned char* runStart = s;
-        while (end - s >= 2 && (s[0] & 0xE0) == 0xC0 && IsContinuation(s[1]) && s[0] >= 0xC2) {
+        int asciiStretch = 0; // a long ASCII stretch goes back to the block path above
+        while (end - s >= 2) {
+            unsigned char c = s[0];
+            if (c < 0x80) {
+                if (++asciiStretch > 16) break;
+                if constexpr (kWrite) {
+                    if (kCheck && out >= capacity) return kBufferTooSmall;
+                    destination[out] = static_cast<wchar_t>(c);
+                }
+                ++out;
+                ++s;
+                continue;
+            }
+            if ((c & 0xE0) != 0xC0 || c < 0xC2 || !IsContinuation(s[1])) break;
+            asciiStretch = 0;
             if constexpr (kWrite) {
                 if (kCheck && out >= capacity) return kBufferTooSmall;
-                destination[out] = static_cast<wchar_t>(((s[0] & 0x1Fu) << 6) | (s[1] & 0x3Fu));
+                destination[out] = static_cast<wchar_t>(((c & 0x1Fu) << 6) | (s[1] & 0x3Fu));
             }
             ++out;
             s += 2;
