@@ -2,7 +2,7 @@
 #define CURL_DISABLE_DEPRECATION // CURLINFO_CONTENT_LENGTH_DOWNLOAD and the progress callback
 #include "zoth/file/CFileHepler.h"
 #include "zoth/http/CHttpClientCurl.h"
-#include "zoth/platform/Win32Shell.h"
+#include "zoth/platform/Win32Path.h"
 
 #include "http/CurlOption.h"
 
