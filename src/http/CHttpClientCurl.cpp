@@ -2,6 +2,8 @@
 #define CURL_DISABLE_DEPRECATION // the progress callback and form API are the ones this class is built on
 #include "zoth/http/CHttpClientCurl.h"
 
+#include "zoth/platform/MemoryHint.h"
+
 #include "http/CurlOption.h"
 
 #include <algorithm>
@@ -222,6 +224,7 @@ void CHttpClientCurl::ReserveForBody() {
         return;
     try {
         m_strResponseBody.reserve(static_cast<size_t>(std::min(announced, kMaxReserve)));
+        AdviseLargeBuffer(m_strResponseBody.data(), m_strResponseBody.capacity());
     } catch (const std::bad_alloc&) {
         // Appending will still try to grow as it goes.
     }
