@@ -17,6 +17,8 @@
 #include <windows.h>
 #else
 
+#include <cstddef>
+
 #define ERROR_INVALID_FUNCTION 1u
 #define ERROR_BAD_FORMAT 11u
 #define ERROR_GEN_FAILURE 31u
@@ -83,5 +85,18 @@ ZOTH_API BOOL FindClose(HANDLE search);
 
 // UTC to local time, with the time zone's offset at that instant.
 ZOTH_API BOOL FileTimeToLocalFileTime(const FILETIME* utc, LPFILETIME local);
+
+#define MEM_COMMIT 0x00001000u
+#define MEM_RESERVE 0x00002000u
+#define MEM_RELEASE 0x00008000u
+#define PAGE_READWRITE 0x04u
+typedef size_t SIZE_T;
+
+// Zero-filled memory straight from the system, for buffers that hold a whole file: large ones are
+// backed by huge pages where the system offers them, so filling them costs few page faults. Only
+// MEM_COMMIT | MEM_RESERVE with PAGE_READWRITE at a system-chosen address is supported. Null on failure.
+ZOTH_API LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
+// Releases a whole block from VirtualAlloc (`size` 0, MEM_RELEASE).
+ZOTH_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type);
 
 #endif // _WIN32
