@@ -24,7 +24,9 @@ HANDLE ReadOpen(const std::string& path) {
 } // namespace
 
 // Opens with `disposition`, then writes behind the file's content. 1 if the write call succeeded.
+// A negative length is refused before the file is touched.
 int CFileHepler::WriteDataToFile(char* data, int length, std::string path, unsigned int disposition) {
+    if (length < 0) return 0;
     HANDLE file = CreateFileA(path.c_str(), GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ | FILE_SHARE_WRITE,
                               nullptr, disposition, FILE_ATTRIBUTE_NORMAL, nullptr);
     if (file == INVALID_HANDLE_VALUE) return 0;

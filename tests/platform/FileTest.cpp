@@ -323,3 +323,15 @@ TEST(PlatformFile, SystemBuffersAreZeroedAndReleased) {
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
     EXPECT_FALSE(VirtualFree(nullptr, 0, MEM_RELEASE));
 }
+
+TEST(PlatformFile, PipesAreRefusedNotWaitedOn) {
+    zoth_test::TempDir dir;
+    std::string fifo = dir / "pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
+    // Each of these would block for ever if the layer opened the pipe the ordinary way.
+    EXPECT_EQ(Open(fifo, OPEN_EXISTING, GENERIC_READ), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(Open(fifo, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
+    EXPECT_FALSE(CopyFileA(fifo.c_str(), (dir / "copy").c_str(), TRUE));
+    EXPECT_FALSE(Exists(dir / "copy"));
+}

@@ -22,6 +22,7 @@
 #define ERROR_INVALID_FUNCTION 1u
 #define ERROR_BAD_FORMAT 11u
 #define ERROR_GEN_FAILURE 31u
+#define ERROR_BAD_NETPATH 53u
 #define ERROR_HANDLE_EOF 38u
 #define ERROR_DISK_FULL 112u
 #define ERROR_INVALID_NAME 123u
@@ -33,10 +34,11 @@ typedef LONG* PLONG;
 typedef struct _OVERLAPPED OVERLAPPED, *LPOVERLAPPED; // never dereferenced: no overlapped I/O
 typedef const FILETIME* LPCFILETIME;
 
-// Opens or creates a file. `access` is GENERIC_READ and/or GENERIC_WRITE; `disposition` is one of
-// CREATE_NEW .. TRUNCATE_EXISTING; FILE_FLAG_BACKUP_SEMANTICS lets a directory open (for its times).
-// A file created with FILE_ATTRIBUTE_READONLY in `flags` gets no write permission.
-// INVALID_HANDLE_VALUE and the last error on failure.
+// Opens or creates a file. Pipes and sockets are refused (ERROR_ACCESS_DENIED) rather than waited on.
+// `access` is GENERIC_READ and/or GENERIC_WRITE; `disposition` is one of CREATE_NEW .. TRUNCATE_EXISTING;
+// FILE_FLAG_BACKUP_SEMANTICS lets a directory open (for its times). A file created with
+// FILE_ATTRIBUTE_READONLY in `flags` gets no write permission. INVALID_HANDLE_VALUE and the last error on
+// failure.
 ZOTH_API HANDLE CreateFileA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                             DWORD disposition, DWORD flags, HANDLE templateFile);
 
@@ -77,7 +79,8 @@ ZOTH_API BOOL RemoveDirectoryA(LPCSTR name);
 // Starts a search for `pattern`: a folder, a separator and a name with the wildcards * and ?, matched
 // without regard to ASCII case; "*.*" matches every name. A folder delivers "." first and ".."
 // second, then its entries. Entries may be deleted while the search runs. Ends with
-// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the folder is missing.
+// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the folder is missing. A
+// pattern that starts with two separators (a network share on Windows) is ERROR_BAD_NETPATH.
 ZOTH_API HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data);
 // The next entry; FALSE with ERROR_NO_MORE_FILES after the last.
 ZOTH_API BOOL FindNextFileA(HANDLE search, LPWIN32_FIND_DATAA data);
