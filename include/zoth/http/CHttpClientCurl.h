@@ -1,0 +1,128 @@
+// CHttpClientCurl: a blocking HTTP/HTTPS client over libcurl's easy interface (requests, whole-file
+// download, speed probe, multipart upload) and a second road for plain HTTP over WinINet.
+#pragma once
+
+#include "zoth/platform/Win32Types.h"
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace ZOTH {
+
+enum EREQUEST_METHOD_tag {
+    EREQUEST_METHOD_GET = 1,
+    EREQUEST_METHOD_POST = 2,
+    EREQUEST_METHOD_PUT = 3,
+};
+
+// Host asked by the one-argument WininetHttpGet: a public service on port 80 that answers
+// "/cityjson?ie=utf-8" with the caller's address and city.
+inline constexpr const char* kDefaultLookupHost = "pv.sohu.com";
+// The host actually asked; starts as kDefaultLookupHost. Tests point it at loopback.
+ZOTH_API extern std::string g_strLookupHost;
+
+class ZOTH_API CHttpClientCurl {
+public:
+    // Told how far a download or probe has come: bytes expected (0 while unknown) and bytes received.
+    using ProgressObserver = std::function<void(double total, double now)>;
+
+    CHttpClientCurl();
+    // Copies settings, texts and counters; the copy starts with no libcurl handle and no header list.
+    CHttpClientCurl(const CHttpClientCurl& other);
+    // As the copy constructor; the target's own handle and list are released first.
+    CHttpClientCurl& operator=(const CHttpClientCurl& other);
+    ~CHttpClientCurl();
+
+    // Replaces the handle with a new one (the first call in the process initialises libcurl) and
+    // drops the header list. 1 when a handle stands in m_pCurl, 0 when libcurl gave none.
+    int InitCurl();
+    // Releases handle and header list; settings, texts and counters stay.
+    void Clear();
+
+    // One GET, POST or PUT of url, through proxy when it is non-empty. 1 when libcurl finished the
+    // transfer (any HTTP status), with the body in response; 0 otherwise, see GetResultCode.
+    int ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy, std::string postData,
+                       std::string& response);
+    // ExecuteRequest with their method, after clearing the stop flag. postData is sent up to its
+    // first NUL; HttpGet sends none.
+    int HttpGet(std::string url, std::string proxy, std::string postData, std::string& response);
+    int HttpPost(std::string url, std::string proxy, std::string postData, std::string& response);
+    int HttpPut(std::string url, std::string proxy, std::string postData, std::string& response);
+
+    // Request header lines ("Name: value") for every later request and upload, until replaced.
+    void SetCustomHeaders(std::vector<std::string> headers);
+    // Time limit of requests and uploads in milliseconds, applied in whole seconds (below 1000: none).
+    void SetTimeOutMax(DWORD milliseconds);
+
+    DWORD GetStartTime();
+    DWORD GetEndTime();
+    DWORD GetTotalSize();
+    CURLcode GetResultCode();
+    // Header lines of the latest transfer exactly as received, line ends included.
+    std::string GetResponseHeaders();
+
+    // libcurl's data callbacks; user is the object. size_t where the original interface writes
+    // unsigned int, because libcurl's callback types take and return size_t and must match exactly.
+    static size_t CurlWriteCallback(char* data, size_t size, size_t count, void* user);
+    static size_t CurlWriteHeaderCallback(char* data, size_t size, size_t count, void* user);
+    // libcurl's progress callback: tells the progress observer, if any, and always returns 0.
+    static int CurlProgressCallback(void* user, double dltotal, double dlnow, double ultotal, double ulnow);
+
+    // Ends the running transfer at its next chunk with CURLE_WRITE_ERROR; callable from any thread.
+    void Stop();
+
+    // Fetches url whole and writes it to filePath (replacing the file) only on status 200 with a
+    // body exactly as long as the announced length. 1 written, else 0 and the file untouched.
+    // The third argument is not used.
+    int DownloadFile(std::string url, std::string filePath, std::string md5);
+    // 1 when filePath names an existing file or folder, else 0. The digest argument is not used.
+    int CheckFileMd5(std::string filePath, std::string md5);
+
+    // Pulls url for at most `seconds`, counting and dropping the body. Always 0: read the outcome
+    // from GetNetSpeed and GetResultCode (CURLE_WRITE_ERROR when the limit ended it).
+    int TestNetSpeed(std::string url, int seconds);
+    // Speed of the latest probe in units of 2^20 bits per second; 0.0 with nothing to compute from.
+    double GetNetSpeed();
+
+    // Posts a multipart form of "reqformat" = "plain" and the file at filePath as "file". postData
+    // does not reach the wire. Results as ExecuteRequest.
+    int HttpPostFile(std::string url, std::string proxy, std::string postData, std::string filePath,
+                     std::string& response);
+
+    // Plain HTTP on port 80 over WinINet, agent "Testing". 1 once the request was sent (any
+    // status), with the whole answer in response; response is untouched when no byte came back.
+    int WininetHttpGet(std::string& response); // GET "/cityjson?ie=utf-8" from g_strLookupHost
+    int WininetHttpGet(std::string host, std::string path, std::string& response);
+    int WininetHttpPost(std::string host, std::string path, std::string data, std::string& response);
+
+    // Observer told of progress during DownloadFile and TestNetSpeed; an empty one removes it.
+    void SetProgressObserver(ProgressObserver observer);
+
+private:
+    // Options shared by requests and uploads, in their fixed order. false when one failed.
+    bool SetRequestOptions(const std::string& url, const std::string& proxy);
+    // Empties what the previous transfer received.
+    void BeginTransfer();
+
+    DWORD m_dwStartTime;
+    DWORD m_dwEndTime;
+    int32_t m_nSpeedTimeLimit;
+    DWORD m_dwTotalSize;
+    double m_dNetSpeed;
+    bool m_bSpeedTestRunning;
+    std::atomic<bool> m_bStopRequested; // written by Stop from another thread
+    std::string m_strResponseHeaders;
+    std::string m_strResponseBody;
+    DWORD m_dwTimeOutMax;
+    CURL* m_pCurl;
+    CURLcode m_resultCode;
+    curl_slist* m_pHeaderList;
+    std::vector<std::string> m_vecCustomHeaders;
+    ProgressObserver m_progressObserver;
+};
+
+} // namespace ZOTH

@@ -1,0 +1,87 @@
+// The Win32 file, directory, search and file-time calls the library is written against. On Windows
+// they come from <windows.h>; elsewhere the platform layer implements them on POSIX.
+//
+// How the layer maps Windows behaviour onto POSIX:
+// - A file is read-only (FILE_ATTRIBUTE_READONLY) when nobody has a write permission bit on it. Such a
+//   file refuses write access and deletion, as on Windows, whoever the caller is. Apart from that,
+//   access is what the operating system grants the caller.
+// - Sharing flags have no POSIX meaning and are accepted as given.
+// - Symbolic links are never followed by searches: a link is reported as FILE_ATTRIBUTE_REPARSE_POINT
+//   and never with FILE_ATTRIBUTE_DIRECTORY, so a walk removes the link and not its target.
+// - Creation time is the birth time where the file system reports it, else the change time.
+#pragma once
+
+#include "zoth/platform/Win32Types.h"
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+
+#define ERROR_INVALID_FUNCTION 1u
+#define ERROR_BAD_FORMAT 11u
+#define ERROR_GEN_FAILURE 31u
+#define ERROR_HANDLE_EOF 38u
+#define ERROR_DISK_FULL 112u
+#define ERROR_INVALID_NAME 123u
+#define ERROR_NEGATIVE_SEEK 131u
+#define ERROR_FILENAME_EXCED_RANGE 206u
+#define ERROR_DIRECTORY 267u
+
+typedef LONG* PLONG;
+typedef struct _OVERLAPPED OVERLAPPED, *LPOVERLAPPED; // never dereferenced: no overlapped I/O
+typedef const FILETIME* LPCFILETIME;
+
+// Opens or creates a file. `access` is GENERIC_READ and/or GENERIC_WRITE; `disposition` is one of
+// CREATE_NEW .. TRUNCATE_EXISTING; FILE_FLAG_BACKUP_SEMANTICS lets a directory open (for its times).
+// A file created with FILE_ATTRIBUTE_READONLY in `flags` gets no write permission.
+// INVALID_HANDLE_VALUE and the last error on failure.
+ZOTH_API HANDLE CreateFileA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
+                            DWORD disposition, DWORD flags, HANDLE templateFile);
+
+// Reads up to `count` bytes from the file position; fewer only at the end of the file. `read` may be
+// null. FALSE and the last error on failure.
+ZOTH_API BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD count, LPDWORD read, LPOVERLAPPED overlapped);
+
+// Writes all `count` bytes at the file position. `written` may be null.
+ZOTH_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD count, LPDWORD written, LPOVERLAPPED overlapped);
+
+// Moves the file position by `distance` (64 bits when `distanceHigh` is given) from FILE_BEGIN,
+// FILE_CURRENT or FILE_END. The low 32 bits of the new position, its high part in *distanceHigh;
+// INVALID_SET_FILE_POINTER with a last error other than ERROR_SUCCESS on failure.
+ZOTH_API DWORD SetFilePointer(HANDLE file, LONG distance, PLONG distanceHigh, DWORD method);
+
+// The size's low 32 bits (high part in *sizeHigh when given). INVALID_FILE_SIZE on failure, which a
+// caller tells from a real size by a last error other than ERROR_SUCCESS.
+ZOTH_API DWORD GetFileSize(HANDLE file, LPDWORD sizeHigh);
+
+// The creation, last access and last write times in UTC; any pointer may be null.
+ZOTH_API BOOL GetFileTime(HANDLE file, LPFILETIME creation, LPFILETIME lastAccess, LPFILETIME lastWrite);
+
+// Copies a file with its permission bits and last write time. With `failIfExists` an existing target
+// is an error (ERROR_FILE_EXISTS). A failed copy leaves no target file behind.
+ZOTH_API BOOL CopyFileA(LPCSTR existing, LPCSTR target, BOOL failIfExists);
+
+// Deletes a file or a symbolic link (never a directory, never a read-only file).
+ZOTH_API BOOL DeleteFileA(LPCSTR name);
+
+// Creates one directory; a missing parent is ERROR_PATH_NOT_FOUND, an existing name
+// ERROR_ALREADY_EXISTS. The wide form takes UTF-16 units.
+ZOTH_API BOOL CreateDirectoryA(LPCSTR name, LPSECURITY_ATTRIBUTES security);
+ZOTH_API BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES security);
+
+// Removes an empty directory.
+ZOTH_API BOOL RemoveDirectoryA(LPCSTR name);
+
+// Starts a search for `pattern`: a folder, a separator and a name with the wildcards * and ?, matched
+// without regard to ASCII case; "*.*" matches every name. A folder delivers "." first and ".."
+// second, then its entries. Entries may be deleted while the search runs. Ends with
+// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the folder is missing.
+ZOTH_API HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data);
+// The next entry; FALSE with ERROR_NO_MORE_FILES after the last.
+ZOTH_API BOOL FindNextFileA(HANDLE search, LPWIN32_FIND_DATAA data);
+ZOTH_API BOOL FindClose(HANDLE search);
+
+// UTC to local time, with the time zone's offset at that instant.
+ZOTH_API BOOL FileTimeToLocalFileTime(const FILETIME* utc, LPFILETIME local);
+
+#endif // _WIN32

@@ -1,0 +1,231 @@
+// The object, its libcurl handle, GET/POST/PUT and the callbacks that every transfer shares.
+#define CURL_DISABLE_DEPRECATION // the progress callback and form API are the ones this class is built on
+#include "zoth/http/CHttpClientCurl.h"
+
+#include "http/CurlOption.h"
+
+namespace ZOTH {
+
+using http::SetCurlOption;
+
+std::string g_strLookupHost = kDefaultLookupHost;
+
+namespace {
+// Set once, by the first InitCurl of the process; libcurl is never cleaned up globally.
+std::atomic<bool> s_bCurlGlobalInitDone{false};
+} // namespace
+
+CHttpClientCurl::CHttpClientCurl()
+    : m_dwStartTime(0), m_dwEndTime(0), m_nSpeedTimeLimit(0), m_dwTotalSize(0), m_dNetSpeed(0.0),
+      m_bSpeedTestRunning(false), m_bStopRequested(false), m_dwTimeOutMax(30000), m_pCurl(nullptr),
+      m_resultCode(CURLE_OK), m_pHeaderList(nullptr) {}
+
+CHttpClientCurl::CHttpClientCurl(const CHttpClientCurl& other)
+    : m_dwStartTime(other.m_dwStartTime), m_dwEndTime(other.m_dwEndTime),
+      m_nSpeedTimeLimit(other.m_nSpeedTimeLimit), m_dwTotalSize(other.m_dwTotalSize),
+      m_dNetSpeed(other.m_dNetSpeed), m_bSpeedTestRunning(other.m_bSpeedTestRunning),
+      m_bStopRequested(other.m_bStopRequested.load()), m_strResponseHeaders(other.m_strResponseHeaders),
+      m_strResponseBody(other.m_strResponseBody), m_dwTimeOutMax(other.m_dwTimeOutMax), m_pCurl(nullptr),
+      m_resultCode(other.m_resultCode), m_pHeaderList(nullptr), m_vecCustomHeaders(other.m_vecCustomHeaders),
+      m_progressObserver(other.m_progressObserver) {}
+
+CHttpClientCurl& CHttpClientCurl::operator=(const CHttpClientCurl& other) {
+    if (this == &other) return *this;
+    Clear(); // the handle and list are this object's own; a copy never shares them
+    m_dwStartTime = other.m_dwStartTime;
+    m_dwEndTime = other.m_dwEndTime;
+    m_nSpeedTimeLimit = other.m_nSpeedTimeLimit;
+    m_dwTotalSize = other.m_dwTotalSize;
+    m_dNetSpeed = other.m_dNetSpeed;
+    m_bSpeedTestRunning = other.m_bSpeedTestRunning;
+    m_bStopRequested = other.m_bStopRequested.load();
+    m_strResponseHeaders = other.m_strResponseHeaders;
+    m_strResponseBody = other.m_strResponseBody;
+    m_dwTimeOutMax = other.m_dwTimeOutMax;
+    m_resultCode = other.m_resultCode;
+    m_vecCustomHeaders = other.m_vecCustomHeaders;
+    m_progressObserver = other.m_progressObserver;
+    return *this;
+}
+
+CHttpClientCurl::~CHttpClientCurl() {
+    if (m_pCurl != nullptr) curl_easy_cleanup(m_pCurl);
+    if (m_pHeaderList != nullptr) curl_slist_free_all(m_pHeaderList);
+}
+
+int CHttpClientCurl::InitCurl() {
+    if (!s_bCurlGlobalInitDone.exchange(true)) curl_global_init(CURL_GLOBAL_ALL);
+    if (m_pCurl != nullptr) {
+        curl_easy_cleanup(m_pCurl);
+        m_pCurl = nullptr;
+    }
+    m_pCurl = curl_easy_init();
+    if (m_pCurl == nullptr) return 0;
+    if (m_pHeaderList != nullptr) {
+        curl_slist_free_all(m_pHeaderList);
+        m_pHeaderList = nullptr;
+    }
+    return 1;
+}
+
+void CHttpClientCurl::Clear() {
+    if (m_pCurl != nullptr) {
+        curl_easy_cleanup(m_pCurl);
+        m_pCurl = nullptr;
+    }
+    if (m_pHeaderList != nullptr) {
+        curl_slist_free_all(m_pHeaderList);
+        m_pHeaderList = nullptr;
+    }
+}
+
+void CHttpClientCurl::BeginTransfer() {
+    m_strResponseBody.clear();
+    m_strResponseHeaders.clear();
+}
+
+bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::string& proxy) {
+    const long seconds = static_cast<long>(m_dwTimeOutMax / 1000);
+    for (const std::string& line : m_vecCustomHeaders) {
+        // A failed append leaves the list as it was rather than losing it.
+        curl_slist* grown = curl_slist_append(m_pHeaderList, line.c_str());
+        if (grown != nullptr) m_pHeaderList = grown;
+    }
+    CURL* c = m_pCurl;
+    CURLcode& r = m_resultCode;
+    return SetCurlOption(c, r, CURLOPT_NOSIGNAL, 1L) && SetCurlOption(c, r, CURLOPT_URL, url.c_str()) &&
+           SetCurlOption(c, r, CURLOPT_WRITEFUNCTION, &CurlWriteCallback) &&
+           SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
+           SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
+           SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
+           SetCurlOption(c, r, CURLOPT_CONNECTTIMEOUT, seconds) &&
+           SetCurlOption(c, r, CURLOPT_TIMEOUT, seconds) &&
+           SetCurlOption(c, r, CURLOPT_ACCEPT_ENCODING, "") &&
+           SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
+           SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L) &&
+           SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList) &&
+           (proxy.empty() || SetCurlOption(c, r, CURLOPT_PROXY, proxy.c_str()));
+}
+
+int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy,
+                                    std::string postData, std::string& response) {
+    if (InitCurl() == 0) return 0;
+    if (url.empty()) return 0;
+    response.clear();
+    BeginTransfer();
+    if (!SetRequestOptions(url, proxy)) return 0;
+
+    CURL* c = m_pCurl;
+    CURLcode& r = m_resultCode;
+    bool methodSet = true;
+    // POSTFIELDS points into postData, which lives until this function returns; no size is given,
+    // so libcurl sends up to the first NUL.
+    switch (method) {
+    case EREQUEST_METHOD_GET:
+        methodSet = SetCurlOption(c, r, CURLOPT_HTTPGET, 1L);
+        break;
+    case EREQUEST_METHOD_POST:
+        methodSet = SetCurlOption(c, r, CURLOPT_POST, 1L) &&
+                    SetCurlOption(c, r, CURLOPT_POSTFIELDS, postData.c_str());
+        break;
+    case EREQUEST_METHOD_PUT:
+        methodSet = SetCurlOption(c, r, CURLOPT_CUSTOMREQUEST, "PUT") &&
+                    SetCurlOption(c, r, CURLOPT_POSTFIELDS, postData.c_str());
+        break;
+    }
+    if (!methodSet) return 0;
+
+    m_resultCode = curl_easy_perform(m_pCurl);
+    if (m_resultCode != CURLE_OK) return 0;
+    response = m_strResponseBody;
+    return 1;
+}
+
+int CHttpClientCurl::HttpGet(std::string url, std::string proxy, std::string postData,
+                             std::string& response) {
+    m_bStopRequested = false;
+    return ExecuteRequest(EREQUEST_METHOD_GET, std::move(url), std::move(proxy), std::move(postData),
+                          response);
+}
+
+int CHttpClientCurl::HttpPost(std::string url, std::string proxy, std::string postData,
+                              std::string& response) {
+    m_bStopRequested = false;
+    return ExecuteRequest(EREQUEST_METHOD_POST, std::move(url), std::move(proxy), std::move(postData),
+                          response);
+}
+
+int CHttpClientCurl::HttpPut(std::string url, std::string proxy, std::string postData,
+                             std::string& response) {
+    m_bStopRequested = false;
+    return ExecuteRequest(EREQUEST_METHOD_PUT, std::move(url), std::move(proxy), std::move(postData),
+                          response);
+}
+
+void CHttpClientCurl::SetCustomHeaders(std::vector<std::string> headers) {
+    m_vecCustomHeaders = std::move(headers);
+}
+
+void CHttpClientCurl::SetTimeOutMax(DWORD milliseconds) {
+    m_dwTimeOutMax = milliseconds;
+}
+
+DWORD CHttpClientCurl::GetStartTime() {
+    return m_dwStartTime;
+}
+
+DWORD CHttpClientCurl::GetEndTime() {
+    return m_dwEndTime;
+}
+
+DWORD CHttpClientCurl::GetTotalSize() {
+    return m_dwTotalSize;
+}
+
+CURLcode CHttpClientCurl::GetResultCode() {
+    return m_resultCode;
+}
+
+std::string CHttpClientCurl::GetResponseHeaders() {
+    return m_strResponseHeaders;
+}
+
+size_t CHttpClientCurl::CurlWriteCallback(char* data, size_t size, size_t count, void* user) {
+    auto* self = static_cast<CHttpClientCurl*>(user);
+    const size_t n = size * count;
+    if (!self->m_bSpeedTestRunning) {
+        self->m_strResponseBody.append(data, n);
+        self->m_dwTotalSize += static_cast<DWORD>(n);
+    } else {
+        self->m_dwTotalSize += static_cast<DWORD>(n);
+        self->m_dwEndTime = GetTickCount();
+        // 32-bit unsigned throughout, so a tick wrap during the probe does no harm.
+        const DWORD limit = static_cast<DWORD>(self->m_nSpeedTimeLimit) * 1000u;
+        if (self->m_dwStartTime != 0 && self->m_dwEndTime - self->m_dwStartTime >= limit) return 0;
+    }
+    if (self->m_bStopRequested) return 0;
+    return n;
+}
+
+size_t CHttpClientCurl::CurlWriteHeaderCallback(char* data, size_t size, size_t count, void* user) {
+    auto* self = static_cast<CHttpClientCurl*>(user);
+    const size_t n = size * count;
+    self->m_strResponseHeaders.append(data, n);
+    return n;
+}
+
+int CHttpClientCurl::CurlProgressCallback(void* user, double dltotal, double dlnow, double, double) {
+    auto* self = static_cast<CHttpClientCurl*>(user);
+    if (self != nullptr && self->m_progressObserver) self->m_progressObserver(dltotal, dlnow);
+    return 0;
+}
+
+void CHttpClientCurl::Stop() {
+    m_bStopRequested = true;
+}
+
+void CHttpClientCurl::SetProgressObserver(ProgressObserver observer) {
+    m_progressObserver = std::move(observer);
+}
+
+} // namespace ZOTH

@@ -1,0 +1,46 @@
+// Multipart upload of one file beside the fixed field "reqformat".
+#define CURL_DISABLE_DEPRECATION // curl_formadd and CURLOPT_HTTPPOST
+#include "zoth/http/CHttpClientCurl.h"
+
+#include "http/CurlOption.h"
+
+namespace ZOTH {
+
+using http::SetCurlOption;
+
+namespace {
+// PTRNAME and PTRCONTENTS make libcurl keep these pointers, so they must outlive every transfer.
+const char kReqFormatName[] = "reqformat";
+const char kReqFormatValue[] = "plain";
+const char kFileName[] = "file";
+} // namespace
+
+int CHttpClientCurl::HttpPostFile(std::string url, std::string proxy, std::string postData,
+                                  std::string filePath, std::string& response) {
+    if (InitCurl() == 0) return 0;
+    if (url.empty()) return 0;
+    response.clear();
+    BeginTransfer();
+    if (!SetRequestOptions(url, proxy)) return 0;
+    // POSTFIELDS is overruled by HTTPPOST below; postData stays alive until perform returns anyway.
+    if (!SetCurlOption(m_pCurl, m_resultCode, CURLOPT_POST, 1L) ||
+        !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_POSTFIELDS, postData.c_str()))
+        return 0;
+
+    curl_httppost* first = nullptr;
+    curl_httppost* last = nullptr;
+    curl_formadd(&first, &last, CURLFORM_PTRNAME, kReqFormatName, CURLFORM_PTRCONTENTS, kReqFormatValue,
+                 CURLFORM_END);
+    curl_formadd(&first, &last, CURLFORM_PTRNAME, kFileName, CURLFORM_FILE, filePath.c_str(), CURLFORM_END);
+
+    // Whether HTTPPOST itself failed shows in the transfer; the form is released on every path.
+    m_resultCode = curl_easy_setopt(m_pCurl, CURLOPT_HTTPPOST, first);
+    if (m_resultCode == CURLE_OK) m_resultCode = curl_easy_perform(m_pCurl);
+    curl_formfree(first);
+
+    if (m_resultCode != CURLE_OK) return 0;
+    response = m_strResponseBody;
+    return 1;
+}
+
+} // namespace ZOTH

@@ -1,0 +1,39 @@
+// Pieces shared by the layer's file, search, path and version calls: the kernel object behind a file
+// handle, the errno to Win32 error mapping, and POSIX times as file-time ticks.
+#pragma once
+
+#include "platform/KernelObject.h"
+#include "zoth/platform/Win32File.h"
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <ctime>
+
+namespace ZOTH::platform {
+
+struct FileObject : KernelObject {
+    explicit FileObject(int descriptor, bool directory) : fd(descriptor), isDirectory(directory) {}
+    ~FileObject() override;
+    int fd;
+    bool isDirectory;
+};
+
+// The open file behind `handle`, or null (with ERROR_INVALID_HANDLE) if it is no file handle.
+FileObject* FileOf(HANDLE handle);
+
+// Translates errno into the nearest Win32 error and makes it the last error.
+void SetLastErrorFromErrno(int error);
+
+// 100-nanosecond ticks since 1601-01-01 for a POSIX time.
+FILETIME FileTimeFromUnix(int64_t seconds, int64_t nanoseconds);
+
+// The Win32 attributes of an entry as lstat describes it (links are not followed).
+DWORD AttributesOf(const struct stat& st);
+
+// True when nobody may write the file: the layer's read-only attribute.
+inline bool IsReadOnlyMode(mode_t mode) {
+    return !S_ISLNK(mode) && !S_ISDIR(mode) && (mode & 0222) == 0;
+}
+
+} // namespace ZOTH::platform

@@ -1,0 +1,214 @@
+// STRING_UTIL's general string operations: splitting, replacing, formatting, trimming, case,
+// numbers and GUID text. Narrow strings are plain bytes here; nothing knows about UTF-8.
+#include "zoth/text/STRING_UTIL.h"
+#include "zoth/platform/Win32Format.h"
+#include "zoth/platform/Win32Guid.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdio>
+#include <cwchar>
+#include <new>
+
+namespace ZOTH {
+
+STRING_UTIL& STRING_UTIL::operator=(const STRING_UTIL&) {
+    return *this;
+}
+
+STRING_UTIL& STRING_UTIL::operator=(STRING_UTIL&&) noexcept {
+    return *this;
+}
+
+namespace {
+
+// One splitting walk for every character and container type: each separator closes a piece, and
+// the end of the text closes the last one, so a trailing separator leaves an empty last piece.
+template <typename Str, typename Add>
+void Split(const Str& text, typename Str::value_type separator, int keepEmpty, Add add) {
+    typename Str::size_type begin = 0;
+    for (;;) {
+        typename Str::size_type end = text.find(separator, begin);
+        Str piece = text.substr(begin, end == Str::npos ? Str::npos : end - begin);
+        if (keepEmpty != 0 || !piece.empty()) add(std::move(piece));
+        if (end == Str::npos) return;
+        begin = end + 1;
+    }
+}
+
+// Replaces each occurrence once, from `position` on, never searching inserted text.
+template <typename Str>
+Str& ReplaceDistinctFrom(Str& text, const Str& oldValue, const Str& newValue,
+                         typename Str::size_type position) {
+    if (oldValue.empty()) return text;
+    while ((position = text.find(oldValue, position)) != Str::npos) {
+        text.replace(position, oldValue.size(), newValue);
+        position += newValue.size();
+    }
+    return text;
+}
+
+// Replaces until no occurrence is left, searching from `start` each time, so text made by one
+// replacement is searched too. An empty old value, or a new value holding the old one, would never
+// end; those get one pass of distinct replacement from `start` instead.
+template <typename Str>
+Str& ReplaceRepeated(Str& text, const Str& oldValue, const Str& newValue, unsigned int start) {
+    if (oldValue == newValue || oldValue.empty()) return text;
+    if (newValue.find(oldValue) != Str::npos) return ReplaceDistinctFrom(text, oldValue, newValue, start);
+    typename Str::size_type position;
+    while ((position = text.find(oldValue, start)) != Str::npos)
+        text.replace(position, oldValue.size(), newValue);
+    return text;
+}
+
+} // namespace
+
+void STRING_UTIL::SplitStringA(const std::string& text, char separator, std::vector<std::string>& pieces,
+                               int keepEmpty) {
+    Split(text, separator, keepEmpty, [&](std::string&& piece) { pieces.push_back(std::move(piece)); });
+}
+
+void STRING_UTIL::SplitStringA(const std::string& text, char separator, std::set<std::string>& pieces,
+                               int keepEmpty) {
+    Split(text, separator, keepEmpty, [&](std::string&& piece) { pieces.insert(std::move(piece)); });
+}
+
+void STRING_UTIL::SplitStringW(const std::wstring& text, wchar_t separator, std::vector<std::wstring>& pieces,
+                               int keepEmpty) {
+    Split(text, separator, keepEmpty, [&](std::wstring&& piece) { pieces.push_back(std::move(piece)); });
+}
+
+std::string& STRING_UTIL::ReplaceAll(std::string& text, std::string oldValue, std::string newValue,
+                                     unsigned int start) {
+    return ReplaceRepeated(text, oldValue, newValue, start);
+}
+
+std::wstring& STRING_UTIL::ReplaceAll(std::wstring& text, std::wstring& oldValue, std::wstring& newValue,
+                                      unsigned int start) {
+    return ReplaceRepeated<std::wstring>(text, oldValue, newValue, start);
+}
+
+std::string& STRING_UTIL::ReplaceAllDistinct(std::string& text, const std::string& oldValue,
+                                             const std::string& newValue) {
+    return ReplaceDistinctFrom(text, oldValue, newValue, 0);
+}
+
+std::wstring& STRING_UTIL::ReplaceAllDistinct(std::wstring& text, const std::wstring& oldValue,
+                                              const std::wstring& newValue) {
+    return ReplaceDistinctFrom(text, oldValue, newValue, 0);
+}
+
+// One measuring pass, one buffer of exactly that size, one formatting pass over a copy of the
+// arguments; "" for a null format, a failed pass or a failed allocation. The text ends at its first NUL.
+std::string STRING_UTIL::StdFormatA(const char* format, ...) {
+    if (format == nullptr) return std::string();
+    va_list args;
+    va_start(args, format);
+    va_list measure;
+    va_copy(measure, args);
+    int length = std::vsnprintf(nullptr, 0, format, measure);
+    va_end(measure);
+    std::string result;
+    if (length >= 0) {
+        size_t capacity = static_cast<size_t>(length) + 1;
+        char* buffer = new (std::nothrow) char[capacity]();
+        if (buffer != nullptr) {
+            if (std::vsnprintf(buffer, capacity, format, args) >= 0) result = buffer;
+            delete[] buffer;
+        }
+    }
+    va_end(args);
+    return result;
+}
+
+// As StdFormatA, in wide characters; %ls takes a wide string and %s a narrow one.
+std::wstring STRING_UTIL::StdFormatW(const wchar_t* format, ...) {
+    if (format == nullptr) return std::wstring();
+    va_list args;
+    va_start(args, format);
+    va_list measure;
+    va_copy(measure, args);
+    int length = _vscwprintf(format, measure);
+    va_end(measure);
+    std::wstring result;
+    if (length >= 0) {
+        size_t capacity = static_cast<size_t>(length) + 1;
+        wchar_t* buffer = new (std::nothrow) wchar_t[capacity]();
+        if (buffer != nullptr) {
+            if (std::vswprintf(buffer, capacity, format, args) >= 0) result = buffer;
+            delete[] buffer;
+        }
+    }
+    va_end(args);
+    return result;
+}
+
+// The text between the first begin mark and the next end mark found at least one character behind
+// it; "" when any argument is empty or a mark is missing.
+std::string STRING_UTIL::SubString(std::string text, std::string beginMark, std::string endMark) {
+    if (text.empty() || beginMark.empty() || endMark.empty()) return std::string();
+    size_t begin = text.find(beginMark);
+    if (begin == std::string::npos) return std::string();
+    size_t inner = begin + beginMark.size();
+    size_t end = text.find(endMark, inner + 1);
+    if (end == std::string::npos) return std::string();
+    return text.substr(inner, end - inner);
+}
+
+// Drops leading and trailing 0x20 only; a text of nothing but spaces comes back whole.
+std::string STRING_UTIL::Trim(std::string& text) {
+    size_t first = text.find_first_not_of(' ');
+    if (first == std::string::npos) return text;
+    size_t last = text.find_last_not_of(' ');
+    return text.substr(first, last - first + 1);
+}
+
+std::string STRING_UTIL::ToUpper(std::string& text) {
+    for (char& c : text)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return text;
+}
+
+std::string STRING_UTIL::ToLower(std::string& text) {
+    for (char& c : text)
+        c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return text;
+}
+
+// 32 upper-case hex digits of a fresh random GUID, no dashes or braces. The record starts zeroed, so a
+// failing random source would give 32 zeros rather than stack garbage.
+std::string STRING_UTIL::GetGuid() {
+    GUID guid = {};
+    CoCreateGuid(&guid);
+    return StdFormatA("%08X%04X%04X%02X%02X%02X%02X%02X%02X%02X%02X", static_cast<unsigned int>(guid.Data1),
+                      guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3],
+                      guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
+}
+
+std::string STRING_UTIL::Int2String(int value) {
+    return StdFormatA("%d", value);
+}
+
+std::string STRING_UTIL::Int642String(__int64 value) {
+    return StdFormatA("%lld", value);
+}
+
+std::string STRING_UTIL::Float2String(double value) {
+    return StdFormatA("%0.2f", value);
+}
+
+// The run of digits at the end of the text, read right to left in wrapping 32-bit arithmetic; a
+// trailing non-digit gives 0.
+unsigned int STRING_UTIL::String2UnsignInt(std::string text) {
+    unsigned int total = 0;
+    unsigned int scale = 1;
+    for (size_t i = text.size(); i-- > 0;) {
+        unsigned char c = static_cast<unsigned char>(text[i]);
+        if (!std::isdigit(c)) break;
+        total += static_cast<unsigned int>(c - '0') * scale;
+        scale *= 10;
+    }
+    return total;
+}
+
+} // namespace ZOTH

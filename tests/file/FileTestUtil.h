@@ -1,0 +1,48 @@
+// Small helpers of the file tests: whole-file reads and writes through the standard library (so the
+// checks do not depend on the code under test), and running a check without root's privileges.
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+
+namespace zoth_test {
+
+inline std::string Slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream out;
+    out << in.rdbuf();
+    return out.str();
+}
+
+inline void Spit(const std::string& path, const std::string& bytes) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+inline bool Exists(const std::string& path) {
+    struct stat st;
+    return ::lstat(path.c_str(), &st) == 0;
+}
+
+// Runs `check` in a child process as the unprivileged user nobody (65534) when the test runs as root,
+// or as the current user otherwise. The child's answer comes back through its exit code: true when
+// `check` returned true. Returns -1 when the child could not drop its privileges.
+inline int RunUnprivileged(const std::function<bool()>& check) {
+    pid_t child = ::fork();
+    if (child == 0) {
+        if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(3);
+        ::_exit(check() ? 0 : 1);
+    }
+    int status = 0;
+    if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+    if (WEXITSTATUS(status) == 3) return -1;
+    return WEXITSTATUS(status) == 0 ? 1 : 0;
+}
+
+} // namespace zoth_test
