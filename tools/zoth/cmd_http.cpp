@@ -1,12 +1,234 @@
 // zoth commands and demo section of the http subsystem.
 #include "Commands.h"
 
+#include "zoth/file/CFileHepler.h"
+#include "zoth/http/CHttpClientCurl.h"
+
+#define CPPHTTPLIB_OPENSSL_SUPPORT
+#include <httplib.h>
+#include <openssl/evp.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <fstream>
+#include <thread>
+#include <unistd.h>
+
 namespace zoth_cli {
 
-std::vector<Command> HttpCommands() {
-    return {};
+namespace {
+
+using ZOTH::CHttpClientCurl;
+
+int TransferFailed(const char* what, CHttpClientCurl& client) {
+    return Error(std::string(what) + " failed: libcurl code " + std::to_string(client.GetResultCode()));
 }
 
-void HttpDemo(Demo&) {}
+int PrintBody(const std::string& body) {
+    std::fwrite(body.data(), 1, body.size(), stdout);
+    return 0;
+}
+
+// `get|post|put URL [DATA]`: DATA "-" reads standard input.
+int RunRequest(const Args& args, ZOTH::EREQUEST_METHOD_tag method, const char* name) {
+    if (args.empty() || args.size() > 2) return Fail(std::string(name) + " needs URL [DATA]");
+    std::string data = args.size() == 2 ? args[1] : "";
+    if (data == "-") data = ReadStdin();
+    CHttpClientCurl client;
+    std::string response;
+    int ok = method == ZOTH::EREQUEST_METHOD_GET    ? client.HttpGet(args[0], "", data, response)
+             : method == ZOTH::EREQUEST_METHOD_POST ? client.HttpPost(args[0], "", data, response)
+                                                    : client.HttpPut(args[0], "", data, response);
+    if (!ok) return TransferFailed(name, client);
+    return PrintBody(response);
+}
+
+int RunGet(const Args& args) {
+    return RunRequest(args, ZOTH::EREQUEST_METHOD_GET, "get");
+}
+int RunPost(const Args& args) {
+    return RunRequest(args, ZOTH::EREQUEST_METHOD_POST, "post");
+}
+int RunPut(const Args& args) {
+    return RunRequest(args, ZOTH::EREQUEST_METHOD_PUT, "put");
+}
+
+// A one-line bar on stderr, redrawn at most every 100 ms.
+class ProgressBar {
+public:
+    void operator()(double total, double now) {
+        auto t = std::chrono::steady_clock::now();
+        if (t - m_last < std::chrono::milliseconds(100) && !(total > 0 && now >= total)) return;
+        m_last = t;
+        const int width = 40;
+        if (total > 0) {
+            int filled = static_cast<int>(width * now / total);
+            std::fprintf(stderr, "\r[%-*s] %5.1f%% %.0f/%.0f bytes", width, std::string(filled, '#').c_str(),
+                         100.0 * now / total, now, total);
+        } else {
+            std::fprintf(stderr, "\r%.0f bytes", now);
+        }
+        m_drawn = true;
+    }
+    ~ProgressBar() {
+        if (m_drawn) std::fprintf(stderr, "\n");
+    }
+
+private:
+    std::chrono::steady_clock::time_point m_last{};
+    bool m_drawn = false;
+};
+
+int RunDownload(const Args& args) {
+    if (args.size() != 2) return Fail("download needs URL FILE");
+    CHttpClientCurl client;
+    ProgressBar bar;
+    if (isatty(STDOUT_FILENO))
+        client.SetProgressObserver([&bar](double total, double now) { bar(total, now); });
+    if (!client.DownloadFile(args[0], args[1], "")) {
+        if (client.GetResultCode() != CURLE_OK) return TransferFailed("download", client);
+        return Error("download failed: not a complete 200 answer, or " + args[1] + " cannot be written");
+    }
+    std::printf("%s: %u bytes\n", args[1].c_str(), static_cast<unsigned>(client.GetTotalSize()));
+    return 0;
+}
+
+int RunUpload(const Args& args) {
+    if (args.size() != 2) return Fail("upload needs URL FILE");
+    CHttpClientCurl client;
+    std::string response;
+    if (!client.HttpPostFile(args[0], "", "", args[1], response)) return TransferFailed("upload", client);
+    return PrintBody(response);
+}
+
+int RunSpeed(const Args& args) {
+    if (args.size() != 2) return Fail("speed needs URL SECONDS");
+    char* end = nullptr;
+    long seconds = std::strtol(args[1].c_str(), &end, 10);
+    if (end == args[1].c_str() || *end != '\0' || seconds <= 0 || seconds > 3600)
+        return Fail("SECONDS must be a whole number from 1 to 3600");
+    CHttpClientCurl client;
+    client.TestNetSpeed(args[0], static_cast<int>(seconds));
+    const CURLcode code = client.GetResultCode();
+    // The limit ends a probe of a long stream with a write error: that is its ordinary end.
+    if (code != CURLE_OK && code != CURLE_WRITE_ERROR) return TransferFailed("speed probe", client);
+    std::printf("%.3f Mbit/s (%u bytes in %u ms)\n", client.GetNetSpeed(),
+                static_cast<unsigned>(client.GetTotalSize()),
+                static_cast<unsigned>(client.GetEndTime() - client.GetStartTime()));
+    return 0;
+}
+
+int RunWget(const Args& args) {
+    if (args.size() != 2) return Fail("wget needs HOST PATH");
+    CHttpClientCurl client;
+    std::string response;
+    if (!client.WininetHttpGet(args[0], args[1], response))
+        return Error("wget failed: no answer from " + args[0]);
+    return PrintBody(response);
+}
+
+std::string Md5Hex(const std::string& data) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(data.data(), data.size(), digest, &length, EVP_md5(), nullptr);
+    std::string hex;
+    char two[3];
+    for (unsigned int i = 0; i < length; ++i) {
+        std::snprintf(two, sizeof(two), "%02x", digest[i]);
+        hex += two;
+    }
+    return hex;
+}
+
+} // namespace
+
+std::vector<Command> HttpCommands() {
+    return {
+        {"get", "get URL", "GET a URL and print the body", RunGet},
+        {"post", "post URL [DATA|-]", "POST DATA (or standard input) and print the body", RunPost},
+        {"put", "put URL [DATA|-]", "PUT DATA (or standard input) and print the body", RunPut},
+        {"download", "download URL FILE", "download a URL whole into FILE (only a complete 200 answer)",
+         RunDownload},
+        {"upload", "upload URL FILE", "post FILE as a multipart form and print the answer", RunUpload},
+        {"speed", "speed URL SECONDS", "measure download speed from URL for at most SECONDS", RunSpeed},
+        {"wget", "wget HOST PATH", "plain HTTP GET of PATH from HOST on port 80", RunWget},
+    };
+}
+
+void HttpDemo(Demo& demo) {
+    // An embedded server on 127.0.0.1, an ephemeral port, with the routes the steps need.
+    std::string file(1536 * 1024, '\0');
+    for (size_t i = 0; i < file.size(); ++i)
+        file[i] = static_cast<char>((i * 7919) >> 3);
+    std::string uploaded;
+    std::mutex mutex;
+    httplib::Server server;
+    server.set_keep_alive_timeout(1);
+    server.Get("/hello", [](const httplib::Request&, httplib::Response& res) {
+        res.set_content("hello from the loopback server", "text/plain");
+    });
+    server.Get("/file", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_content(file, "application/octet-stream");
+    });
+    server.Post("/upload", [&](const httplib::Request& req, httplib::Response& res) {
+        std::lock_guard<std::mutex> lock(mutex);
+        uploaded = req.has_file("file") ? req.get_file_value("file").content : "";
+        res.set_content("received " + std::to_string(uploaded.size()) + " bytes", "text/plain");
+    });
+    std::atomic<bool> stopping{false};
+    server.Get("/stream", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_chunked_content_provider("application/octet-stream", [&](size_t, httplib::DataSink& sink) {
+            std::string chunk(64 * 1024, 's');
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+            return !stopping && sink.write(chunk.data(), chunk.size());
+        });
+    });
+    const int port = server.bind_to_any_port("127.0.0.1");
+    if (port <= 0) {
+        demo.Step("http", "start loopback server", false, "cannot bind 127.0.0.1");
+        return;
+    }
+    std::thread serving([&] { server.listen_after_bind(); });
+    while (!server.is_running())
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    const std::string base = "http://127.0.0.1:" + std::to_string(port);
+    demo.Step("http", "start loopback server", true, base);
+
+    CHttpClientCurl client;
+    std::string response;
+    int ok = client.HttpGet(base + "/hello", "", "", response);
+    demo.Step("http", "GET /hello", ok && response == "hello from the loopback server",
+              ok ? "\"" + response + "\"" : "libcurl code " + std::to_string(client.GetResultCode()));
+
+    const std::string target = demo.WorkDir() + "/download.bin";
+    ok = client.DownloadFile(base + "/file", target, "");
+    const std::string expected = Md5Hex(file);
+    const std::string actual =
+        ok ? ZOTH::CFileHepler::GetFileMd5(target, demo.WorkDir() + "/download.tmp") : "";
+    demo.Step("http", "download 1.5 MiB + MD5 check", ok && actual == expected,
+              ok ? "md5 " + actual + (actual == expected ? " matches" : " differs from " + expected)
+                 : "download failed, libcurl code " + std::to_string(client.GetResultCode()));
+
+    const std::string source = demo.WorkDir() + "/upload.txt";
+    std::ofstream(source, std::ios::binary) << "a file sent as multipart form data\n";
+    ok = client.HttpPostFile(base + "/upload", "", "", source, response);
+    bool same;
+    {
+        std::lock_guard<std::mutex> lock(mutex);
+        same = uploaded == "a file sent as multipart form data\n";
+    }
+    demo.Step("http", "multipart upload", ok && same,
+              ok ? response : "libcurl code " + std::to_string(client.GetResultCode()));
+
+    client.TestNetSpeed(base + "/stream", 1);
+    const double speed = client.GetNetSpeed();
+    demo.Step("http", "speed probe (1 s)", client.GetResultCode() == CURLE_WRITE_ERROR && speed > 0,
+              std::to_string(speed) + " Mbit/s over " + std::to_string(client.GetTotalSize()) + " bytes");
+
+    stopping = true;
+    server.stop();
+    serving.join();
+}
 
 } // namespace zoth_cli
