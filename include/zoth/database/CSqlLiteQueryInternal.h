@@ -1,0 +1,85 @@
+// CSqlLiteQueryInternal: a cursor over the rows of one compiled SQLite statement. The statement
+// arrives already stepped once (see CSqlLiteInternal::ExecQuery), so the first row is current at
+// once. Read while Eof() is false, then NextRow(); Finalize() or the destructor ends the statement.
+// Text comes out as SQLite gives it, in UTF-8, cut at its first NUL byte.
+#pragma once
+
+#include "zoth/platform/Win32Types.h"
+
+#include <sqlite3.h>
+#include <string>
+
+namespace ZOTH {
+
+class ZOTH_API CSqlLiteQueryInternal {
+public:
+    CSqlLiteQueryInternal();
+    // A copy addresses the same statement but does not own it: only the original finalizes it, and
+    // a copy must not be used after that.
+    CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other);
+    // As the copy; a statement the target held is not finalized.
+    CSqlLiteQueryInternal& operator=(const CSqlLiteQueryInternal& other);
+    // Finalizes the statement if this cursor owns one.
+    virtual ~CSqlLiteQueryInternal();
+
+    // Takes over `stmt` of connection `db`, positioned on a row (`eof` false) or at its end (`eof`
+    // true), and owns it from now on. Takes no step. 0 with nothing changed when either is null.
+    int InitSqlLiteQuery(sqlite3* db, sqlite3_stmt* stmt, bool eof);
+    // True at the end of the rows, and whenever no statement is held (fresh, finalized, failed).
+    bool Eof();
+    // Steps to the next row; at SQLITE_DONE Eof() becomes true. On any error the statement is
+    // released (finalized by its owner) and the error code is dropped. Nothing without a statement.
+    void NextRow();
+    // Finalizes an owned statement and lets go of it; nothing when none is held. Keeps GetCols().
+    void Finalize();
+    // Column count of the last statement taken; 0 before the first.
+    int GetCols();
+
+    // Readers by column index, 0 to GetCols()-1. With no statement or an invalid index they answer
+    // false and leave the out-argument alone.
+
+    // The column as text; false and untouched for SQL NULL. Also false (with `value` emptied) for an
+    // empty text, so it cannot tell empty text from failure; GetStringField can.
+    bool FieldValue(int index, std::string& value);
+    // The column as text, true also for an empty text; false and untouched for SQL NULL.
+    bool GetStringField(int index, std::string& value);
+    // The column as a 32-bit integer (SQLite's conversion); false and untouched for SQL NULL.
+    bool GetIntField(int index, int& value);
+    // The column as a 64-bit integer; false and untouched for SQL NULL.
+    bool GetInt64Field(int index, __int64& value);
+    // The column as a double; false and untouched for SQL NULL.
+    bool GetFloatField(int index, double& value);
+    // SQLite's type code: 1 integer, 2 float, 3 text, 4 blob, 5 NULL (true for NULL too).
+    bool FieldDataType(int index, int& type);
+    // The column's name in the result.
+    bool FieldName(int index, std::string& name);
+    // The column's declared type; true with "" for a column without one (an expression).
+    bool FieldDeclType(int index, std::string& declType);
+    // True exactly when the column exists and holds SQL NULL.
+    bool FieldIsNull(int index);
+
+    // Readers by column name: the first column whose name equals `name` (case-sensitive), then as
+    // the index form. False and untouched when no column has that name.
+    bool FieldValue(const char* name, std::string& value);
+    bool GetIntField(const char* name, int& value);
+    bool GetInt64Field(const char* name, __int64& value);
+    bool GetFloatField(const char* name, double& value);
+    bool GetStringField(const char* name, std::string& value);
+    bool FieldIsNull(const char* name);
+
+    // Index of the first column named exactly `name`; false and `index` untouched if none.
+    bool FieldIndex(const char* name, int& index);
+
+private:
+    bool ValidColumn(int index) const;
+    // True when the column exists and its current value is not SQL NULL.
+    bool ReadableValue(int index) const;
+
+    sqlite3* m_pDb;        // the statement's connection; never closed here
+    sqlite3_stmt* m_pStmt; // the statement being walked, null when none is held
+    bool m_bEof;           // SQLite has said SQLITE_DONE
+    int m_nCols;           // sqlite3_column_count of the statement
+    bool m_bOwnStmt;       // this cursor finalizes the statement
+};
+
+} // namespace ZOTH

@@ -1,0 +1,178 @@
+// The row cursor over one SQLite statement.
+#include "zoth/database/CSqlLiteQueryInternal.h"
+
+#include <cstring>
+
+namespace ZOTH {
+
+CSqlLiteQueryInternal::CSqlLiteQueryInternal()
+    : m_pDb(nullptr), m_pStmt(nullptr), m_bEof(false), m_nCols(0), m_bOwnStmt(false) {}
+
+// The copy must never finalize: two finalizations of one statement would free it twice.
+CSqlLiteQueryInternal::CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other)
+    : m_pDb(other.m_pDb), m_pStmt(other.m_pStmt), m_bEof(other.m_bEof), m_nCols(other.m_nCols),
+      m_bOwnStmt(false) {}
+
+CSqlLiteQueryInternal& CSqlLiteQueryInternal::operator=(const CSqlLiteQueryInternal& other) {
+    if (this == &other) return *this; // keep ownership of our own statement
+    m_pDb = other.m_pDb;
+    m_pStmt = other.m_pStmt;
+    m_bEof = other.m_bEof;
+    m_nCols = other.m_nCols;
+    m_bOwnStmt = false;
+    return *this;
+}
+
+CSqlLiteQueryInternal::~CSqlLiteQueryInternal() {
+    Finalize();
+}
+
+int CSqlLiteQueryInternal::InitSqlLiteQuery(sqlite3* db, sqlite3_stmt* stmt, bool eof) {
+    if (db == nullptr || stmt == nullptr) return 0;
+    m_pDb = db;
+    m_pStmt = stmt;
+    m_bEof = eof;
+    m_nCols = sqlite3_column_count(stmt);
+    m_bOwnStmt = true;
+    return 1;
+}
+
+bool CSqlLiteQueryInternal::Eof() {
+    // Without a statement there is nothing left to read, so a `while (!Eof())` loop must end.
+    return m_pStmt == nullptr || m_bEof;
+}
+
+void CSqlLiteQueryInternal::NextRow() {
+    if (m_pStmt == nullptr) return;
+    int rc = sqlite3_step(m_pStmt);
+    if (rc == SQLITE_DONE) {
+        m_bEof = true;
+    } else if (rc != SQLITE_ROW) {
+        // A failed statement is of no further use. Only the owner may finalize it; a copy just
+        // lets go, and the owner finalizes it in Finalize or its destructor.
+        if (m_bOwnStmt) sqlite3_finalize(m_pStmt);
+        m_pStmt = nullptr;
+    }
+}
+
+void CSqlLiteQueryInternal::Finalize() {
+    if (m_pStmt == nullptr || !m_bOwnStmt) return;
+    sqlite3_finalize(m_pStmt);
+    m_pStmt = nullptr;
+}
+
+int CSqlLiteQueryInternal::GetCols() {
+    return m_nCols;
+}
+
+bool CSqlLiteQueryInternal::ValidColumn(int index) const {
+    return m_pStmt != nullptr && index >= 0 && index < m_nCols;
+}
+
+// The type is asked before the value: reading a value may convert it, and the type would then lie.
+bool CSqlLiteQueryInternal::ReadableValue(int index) const {
+    return ValidColumn(index) && sqlite3_column_type(m_pStmt, index) != SQLITE_NULL;
+}
+
+bool CSqlLiteQueryInternal::FieldValue(int index, std::string& value) {
+    if (!ValidColumn(index)) return false;
+    const unsigned char* text = sqlite3_column_text(m_pStmt, index);
+    if (text == nullptr) return false; // SQL NULL (or no memory for the conversion)
+    value.assign(reinterpret_cast<const char*>(text));
+    return !value.empty();
+}
+
+bool CSqlLiteQueryInternal::GetStringField(int index, std::string& value) {
+    if (!ReadableValue(index)) return false;
+    const unsigned char* text = sqlite3_column_text(m_pStmt, index);
+    if (text == nullptr) return false; // out of memory while converting
+    value.assign(reinterpret_cast<const char*>(text));
+    return true;
+}
+
+bool CSqlLiteQueryInternal::GetIntField(int index, int& value) {
+    if (!ReadableValue(index)) return false;
+    value = sqlite3_column_int(m_pStmt, index);
+    return true;
+}
+
+bool CSqlLiteQueryInternal::GetInt64Field(int index, __int64& value) {
+    if (!ReadableValue(index)) return false;
+    value = sqlite3_column_int64(m_pStmt, index);
+    return true;
+}
+
+bool CSqlLiteQueryInternal::GetFloatField(int index, double& value) {
+    if (!ReadableValue(index)) return false;
+    value = sqlite3_column_double(m_pStmt, index);
+    return true;
+}
+
+bool CSqlLiteQueryInternal::FieldDataType(int index, int& type) {
+    if (!ValidColumn(index)) return false;
+    type = sqlite3_column_type(m_pStmt, index);
+    return true;
+}
+
+bool CSqlLiteQueryInternal::FieldName(int index, std::string& name) {
+    if (!ValidColumn(index)) return false;
+    const char* text = sqlite3_column_name(m_pStmt, index);
+    if (text == nullptr) return false; // out of memory
+    name.assign(text);
+    return true;
+}
+
+bool CSqlLiteQueryInternal::FieldDeclType(int index, std::string& declType) {
+    if (!ValidColumn(index)) return false;
+    const char* text = sqlite3_column_decltype(m_pStmt, index);
+    declType.assign(text != nullptr ? text : ""); // an expression has no declared type
+    return true;
+}
+
+bool CSqlLiteQueryInternal::FieldIsNull(int index) {
+    return ValidColumn(index) && sqlite3_column_type(m_pStmt, index) == SQLITE_NULL;
+}
+
+bool CSqlLiteQueryInternal::FieldIndex(const char* name, int& index) {
+    if (m_pStmt == nullptr || name == nullptr || m_nCols < 1) return false;
+    for (int i = 0; i < m_nCols; ++i) {
+        const char* column = sqlite3_column_name(m_pStmt, i);
+        if (column != nullptr && std::strcmp(name, column) == 0) {
+            index = i;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CSqlLiteQueryInternal::FieldValue(const char* name, std::string& value) {
+    int index = 0;
+    return FieldIndex(name, index) && FieldValue(index, value);
+}
+
+bool CSqlLiteQueryInternal::GetIntField(const char* name, int& value) {
+    int index = 0;
+    return FieldIndex(name, index) && GetIntField(index, value);
+}
+
+bool CSqlLiteQueryInternal::GetInt64Field(const char* name, __int64& value) {
+    int index = 0;
+    return FieldIndex(name, index) && GetInt64Field(index, value);
+}
+
+bool CSqlLiteQueryInternal::GetFloatField(const char* name, double& value) {
+    int index = 0;
+    return FieldIndex(name, index) && GetFloatField(index, value);
+}
+
+bool CSqlLiteQueryInternal::GetStringField(const char* name, std::string& value) {
+    int index = 0;
+    return FieldIndex(name, index) && GetStringField(index, value);
+}
+
+bool CSqlLiteQueryInternal::FieldIsNull(const char* name) {
+    int index = 0;
+    return FieldIndex(name, index) && FieldIsNull(index);
+}
+
+} // namespace ZOTH

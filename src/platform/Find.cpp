@@ -1,0 +1,171 @@
+// Directory searches behind FindFirstFileA / FindNextFileA / FindClose: a readdir walk that delivers
+// "." and ".." first, filtered by a Windows wildcard pattern, with each entry described by lstat.
+#include "platform/FileObject.h"
+
+#include <cerrno>
+#include <cstring>
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <string>
+
+namespace {
+
+using namespace ZOTH::platform;
+
+constexpr DWORD kReparseTagSymlink = 0xA000000Cu;
+
+struct FindObject : KernelObject {
+    ~FindObject() override {
+        if (dir != nullptr) ::closedir(dir);
+    }
+    DIR* dir = nullptr;
+    std::string pattern; // the name part, with wildcards
+    int dotsDelivered = 0;
+};
+
+char Lower(char c) {
+    return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+// '*' any run of characters, '?' one character, everything else itself without regard to ASCII case.
+bool WildMatch(const char* p, const char* n) {
+    const char* star = nullptr;
+    const char* resume = nullptr;
+    while (*n != '\0') {
+        if (*p == '*') {
+            star = p++;
+            resume = n;
+        } else if (*p == '?' || (*p != '\0' && Lower(*p) == Lower(*n))) {
+            ++p;
+            ++n;
+        } else if (star != nullptr) {
+            p = star + 1;
+            n = ++resume;
+        } else {
+            return false;
+        }
+    }
+    while (*p == '*')
+        ++p;
+    return *p == '\0';
+}
+
+// As Windows matches: "*.*" takes every name, and a trailing ".*" also takes a name without a dot.
+bool Matches(const std::string& pattern, const char* name) {
+    if (pattern == "*" || pattern == "*.*") return true;
+    if (WildMatch(pattern.c_str(), name)) return true;
+    size_t n = pattern.size();
+    return n >= 2 && pattern[n - 2] == '.' && pattern[n - 1] == '*' && std::strchr(name, '.') == nullptr &&
+           WildMatch(pattern.substr(0, n - 2).c_str(), name);
+}
+
+// Describes `name` inside the folder `dirFd`; false when the entry has gone meanwhile.
+bool Describe(int dirFd, const char* name, WIN32_FIND_DATAA* data) {
+    struct statx sx;
+    if (::statx(dirFd, name, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &sx) != 0) return false;
+    struct stat st {};
+    st.st_mode = sx.stx_mode;
+    std::memset(data, 0, sizeof *data);
+    data->dwFileAttributes = AttributesOf(st);
+    if (S_ISLNK(st.st_mode)) data->dwReserved0 = kReparseTagSymlink;
+    const struct statx_timestamp& born = (sx.stx_mask & STATX_BTIME) ? sx.stx_btime : sx.stx_ctime;
+    data->ftCreationTime = FileTimeFromUnix(born.tv_sec, born.tv_nsec);
+    data->ftLastAccessTime = FileTimeFromUnix(sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec);
+    data->ftLastWriteTime = FileTimeFromUnix(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
+    uint64_t size = S_ISDIR(st.st_mode) ? 0 : sx.stx_size;
+    data->nFileSizeHigh = static_cast<DWORD>(size >> 32);
+    data->nFileSizeLow = static_cast<DWORD>(size);
+    std::strncpy(data->cFileName, name, sizeof data->cFileName - 1);
+    return true;
+}
+
+// The next matching entry of the search; false at the end.
+bool Advance(FindObject* search, WIN32_FIND_DATAA* data) {
+    int fd = ::dirfd(search->dir);
+    static const char* const kDots[] = {".", ".."};
+    while (search->dotsDelivered < 2) {
+        const char* dot = kDots[search->dotsDelivered++];
+        if (Matches(search->pattern, dot) && Describe(fd, dot, data)) return true;
+    }
+    for (;;) {
+        errno = 0;
+        struct dirent* entry = ::readdir(search->dir);
+        if (entry == nullptr) return false;
+        const char* name = entry->d_name;
+        if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
+        if (!Matches(search->pattern, name)) continue;
+        if (Describe(fd, name, data)) return true;
+    }
+}
+
+} // namespace
+
+HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data) {
+    if (pattern == nullptr || data == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    std::string full(pattern);
+    size_t slash = full.rfind('/');
+    std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : full.substr(0, slash);
+    std::string name = slash == std::string::npos ? full : full.substr(slash + 1);
+    if (name.empty()) {
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
+    auto* search = new FindObject;
+    search->dir = ::opendir(folder.c_str());
+    if (search->dir == nullptr) {
+        int error = errno;
+        delete search;
+        if (error == ENOENT || error == ENOTDIR)
+            SetLastError(ERROR_PATH_NOT_FOUND);
+        else
+            SetLastErrorFromErrno(error);
+        return INVALID_HANDLE_VALUE;
+    }
+    search->pattern = name;
+    if (name.find_first_of("*?") == std::string::npos) {
+        // A plain name finds just that entry.
+        search->dotsDelivered = 2;
+        bool found = Describe(::dirfd(search->dir), name.c_str(), data);
+        ::closedir(search->dir);
+        search->dir = nullptr;
+        if (!found) {
+            delete search;
+            SetLastError(ERROR_FILE_NOT_FOUND);
+            return INVALID_HANDLE_VALUE;
+        }
+        return search;
+    }
+    if (!Advance(search, data)) {
+        delete search;
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return INVALID_HANDLE_VALUE;
+    }
+    return search;
+}
+
+BOOL FindNextFileA(HANDLE handle, LPWIN32_FIND_DATAA data) {
+    auto* search = dynamic_cast<FindObject*>(ObjectOf(handle));
+    if (search == nullptr || data == nullptr) {
+        SetLastError(search == nullptr ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    if (search->dir == nullptr || !Advance(search, data)) {
+        SetLastError(ERROR_NO_MORE_FILES);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL FindClose(HANDLE handle) {
+    auto* search = dynamic_cast<FindObject*>(ObjectOf(handle));
+    if (search == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    return search->Close();
+}
