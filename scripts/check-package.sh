@@ -12,7 +12,7 @@ repo=$(pwd)
 
 # The examples the check builds and runs, each a folder of examples/ with a CMakeLists.txt (for
 # find_package) and a Makefile (for pkg-config), and a run_<name> function below.
-EXAMPLES=(package_smoke)
+EXAMPLES=(download_verify periodic_job)
 
 fail() {
   echo "check-package: FAILED: $*" >&2
@@ -131,10 +131,6 @@ uses_prefix_library() {
 }
 
 # --- Running the examples ---------------------------------------------------------------------------
-run_package_smoke() { # BINARY MODE
-  "$1" || fail "package_smoke ($2) exited with $?"
-}
-
 run_download_verify() { # BINARY MODE
   local bin=$1 mode=$2 work=$tmp/run-download-$2
   mkdir -p "$work/out"

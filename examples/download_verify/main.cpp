@@ -72,8 +72,11 @@ private:
         // DownloadFile writes the file only when the whole body arrived with status 200. It checks no
         // digest (its third argument is unused), so the comparison is done here.
         if (!m_http.DownloadFile(m_job.url, m_job.filePath, "")) {
-            m_outcome = "download failed (libcurl code " + std::to_string(m_http.GetResultCode()) +
-                        "; status other than 200 or short body when 0)";
+            const int code = m_http.GetResultCode();
+            // Code 0 means the transfer itself worked but the answer was refused: a status other than
+            // 200, or a body that differs from the announced length.
+            m_outcome = code == 0 ? "download refused: status not 200 or incomplete body"
+                                  : "transfer failed, libcurl code " + std::to_string(code);
             return;
         }
         m_md5 = ZOTH::CFileHepler::GetFileMd5(m_job.filePath, "");
