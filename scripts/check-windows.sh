@@ -46,7 +46,12 @@ log="$deps/compiler.log"
 report() { # report STATUS FILE
   if [ "$1" -eq 0 ]; then
     passed=$((passed + 1))
-    echo "ok    $2"
+    if [ -s "$log" ]; then
+      echo "ok    $2 (with warnings)"
+      sed 's/^/      /' "$log"
+    else
+      echo "ok    $2"
+    fi
   else
     failed=$((failed + 1))
     echo "FAIL  $2"
