@@ -5,6 +5,24 @@
 
 namespace ZOTH {
 
+namespace {
+
+// File-local rather than members, so the compiler may inline them: exported members are called
+// through the symbol table.
+inline bool ValidColumn(sqlite3_stmt* stmt, int cols, int index) {
+    return stmt != nullptr && index >= 0 && index < cols;
+}
+
+// SQL NULL reads as 0 from the numeric readers, so only a 0 needs the NULL test, which then asks
+// the type after the read. That order is safe for this test: a read may convert a value between
+// number and text, but never turns SQL NULL into a value or a value into NULL. Asking the type of
+// every value would cost a second locked call into SQLite per read.
+inline bool IsNullAfterZero(sqlite3_stmt* stmt, int index) {
+    return sqlite3_column_type(stmt, index) == SQLITE_NULL;
+}
+
+} // namespace
+
 CSqlLiteQueryInternal::CSqlLiteQueryInternal()
     : m_pDb(nullptr), m_pStmt(nullptr), m_bEof(false), m_nCols(0), m_bOwnStmt(false) {}
 
@@ -13,13 +31,14 @@ CSqlLiteQueryInternal::CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other)
     : m_pDb(other.m_pDb), m_pStmt(other.m_pStmt), m_bEof(other.m_bEof), m_nCols(other.m_nCols),
       m_bOwnStmt(false) {}
 
+// An owner assigned a copy of itself (or itself) stays the owner, else nobody would finalize.
 CSqlLiteQueryInternal& CSqlLiteQueryInternal::operator=(const CSqlLiteQueryInternal& other) {
-    if (this == &other) return *this; // keep ownership of our own statement
+    bool stillOwner = m_bOwnStmt && m_pStmt != nullptr && m_pStmt == other.m_pStmt;
     m_pDb = other.m_pDb;
     m_pStmt = other.m_pStmt;
     m_bEof = other.m_bEof;
     m_nCols = other.m_nCols;
-    m_bOwnStmt = false;
+    m_bOwnStmt = stillOwner;
     return *this;
 }
 
@@ -65,17 +84,8 @@ int CSqlLiteQueryInternal::GetCols() {
     return m_nCols;
 }
 
-bool CSqlLiteQueryInternal::ValidColumn(int index) const {
-    return m_pStmt != nullptr && index >= 0 && index < m_nCols;
-}
-
-// The type is asked before the value: reading a value may convert it, and the type would then lie.
-bool CSqlLiteQueryInternal::ReadableValue(int index) const {
-    return ValidColumn(index) && sqlite3_column_type(m_pStmt, index) != SQLITE_NULL;
-}
-
 bool CSqlLiteQueryInternal::FieldValue(int index, std::string& value) {
-    if (!ValidColumn(index)) return false;
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
     const unsigned char* text = sqlite3_column_text(m_pStmt, index);
     if (text == nullptr) return false; // SQL NULL (or no memory for the conversion)
     value.assign(reinterpret_cast<const char*>(text));
@@ -83,39 +93,48 @@ bool CSqlLiteQueryInternal::FieldValue(int index, std::string& value) {
 }
 
 bool CSqlLiteQueryInternal::GetStringField(int index, std::string& value) {
-    if (!ReadableValue(index)) return false;
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    // The text read is its own NULL test: it gives a null pointer exactly for SQL NULL (or when
+    // out of memory), and every other value, the empty text and blob included, comes out as text.
+    // This saves asking the type first, a second locked call into SQLite for each value.
     const unsigned char* text = sqlite3_column_text(m_pStmt, index);
-    if (text == nullptr) return false; // out of memory while converting
+    if (text == nullptr) return false;
     value.assign(reinterpret_cast<const char*>(text));
     return true;
 }
 
 bool CSqlLiteQueryInternal::GetIntField(int index, int& value) {
-    if (!ReadableValue(index)) return false;
-    value = sqlite3_column_int(m_pStmt, index);
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    int read = sqlite3_column_int(m_pStmt, index);
+    if (read == 0 && IsNullAfterZero(m_pStmt, index)) return false;
+    value = read;
     return true;
 }
 
 bool CSqlLiteQueryInternal::GetInt64Field(int index, __int64& value) {
-    if (!ReadableValue(index)) return false;
-    value = sqlite3_column_int64(m_pStmt, index);
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    __int64 read = sqlite3_column_int64(m_pStmt, index);
+    if (read == 0 && IsNullAfterZero(m_pStmt, index)) return false;
+    value = read;
     return true;
 }
 
 bool CSqlLiteQueryInternal::GetFloatField(int index, double& value) {
-    if (!ReadableValue(index)) return false;
-    value = sqlite3_column_double(m_pStmt, index);
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    double read = sqlite3_column_double(m_pStmt, index);
+    if (read == 0.0 && IsNullAfterZero(m_pStmt, index)) return false;
+    value = read;
     return true;
 }
 
 bool CSqlLiteQueryInternal::FieldDataType(int index, int& type) {
-    if (!ValidColumn(index)) return false;
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
     type = sqlite3_column_type(m_pStmt, index);
     return true;
 }
 
 bool CSqlLiteQueryInternal::FieldName(int index, std::string& name) {
-    if (!ValidColumn(index)) return false;
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
     const char* text = sqlite3_column_name(m_pStmt, index);
     if (text == nullptr) return false; // out of memory
     name.assign(text);
@@ -123,14 +142,14 @@ bool CSqlLiteQueryInternal::FieldName(int index, std::string& name) {
 }
 
 bool CSqlLiteQueryInternal::FieldDeclType(int index, std::string& declType) {
-    if (!ValidColumn(index)) return false;
+    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
     const char* text = sqlite3_column_decltype(m_pStmt, index);
     declType.assign(text != nullptr ? text : ""); // an expression has no declared type
     return true;
 }
 
 bool CSqlLiteQueryInternal::FieldIsNull(int index) {
-    return ValidColumn(index) && sqlite3_column_type(m_pStmt, index) == SQLITE_NULL;
+    return ValidColumn(m_pStmt, m_nCols, index) && sqlite3_column_type(m_pStmt, index) == SQLITE_NULL;
 }
 
 bool CSqlLiteQueryInternal::FieldIndex(const char* name, int& index) {

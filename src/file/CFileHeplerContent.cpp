@@ -1,11 +1,11 @@
-// CFileHepler: writing bytes, reading a whole file, a file's size (and its digest, in
-// CFileHeplerDigest.cpp). Reads open the file for reading and writing and create it when missing;
-// size and digest fall back to a temporary copy for a file that such an open cannot reach.
+// CFileHepler: writing bytes, reading a whole file, a file's size and its MD5 digest. Reads open the
+// file for reading and writing and create it when missing; size and digest fall back to a temporary
+// copy for a file that such an open cannot reach.
 #include "zoth/file/CFileHepler.h"
 #include "zoth/platform/Win32File.h"
+#include "zoth/text/STRING_UTIL.h"
 
-#include <memory>
-#include <new>
+#include <exception>
 
 namespace ZOTH {
 
@@ -51,17 +51,20 @@ int CFileHepler::ReadDataByFilePath(const std::string& path, std::string& data) 
         CloseHandle(file);
         return 0;
     }
-    std::unique_ptr<char[]> buffer(new (std::nothrow) char[static_cast<size_t>(size) + 1]());
-    if (!buffer) {
+    // The buffer becomes `data` itself on success, so the content is held once, not twice.
+    std::string buffer;
+    try {
+        buffer.resize(size);
+    } catch (const std::exception&) {
         CloseHandle(file);
         return 0;
     }
     DWORD read = 0;
-    if (!ReadFile(file, buffer.get(), size, &read, nullptr) || read != size) {
+    if (!ReadFile(file, buffer.data(), size, &read, nullptr) || read != size) {
         CloseHandle(file);
         return 0;
     }
-    data.assign(buffer.get(), size);
+    data.swap(buffer);
     CloseHandle(file);
     return 1;
 }
@@ -85,6 +88,22 @@ unsigned __int64 CFileHepler::GetFileSize(const std::string& path, std::string t
     CloseHandle(file);
     if (!tempPath.empty()) DeleteFileA(tempPath.c_str());
     return size;
+}
+
+// MD5 of the whole file as 32 lower-case hex digits; through a copy at `tempPath` only after the
+// first read failed, and that copy stays on disk.
+std::string CFileHepler::GetFileMd5(const std::string& path, std::string tempPath) {
+    std::string content;
+    if (!ReadDataByFilePath(path, content)) {
+        if (tempPath.empty()) return "";
+        DeleteFileA(tempPath.c_str());
+        if (!CopyFileA(path.c_str(), tempPath.c_str(), TRUE)) return "";
+        if (!ReadDataByFilePath(tempPath, content)) return "";
+    }
+    unsigned char digest[16] = {};
+    STRING_UTIL::Buffer2Md5(reinterpret_cast<unsigned char*>(content.data()),
+                            static_cast<unsigned int>(content.size()), digest);
+    return STRING_UTIL::Hex2String(digest, 16);
 }
 
 } // namespace ZOTH

@@ -2,7 +2,12 @@
 #define CURL_DISABLE_DEPRECATION // the progress callback and form API are the ones this class is built on
 #include "zoth/http/CHttpClientCurl.h"
 
+#include "zoth/platform/MemoryHint.h"
+
 #include "http/CurlOption.h"
+
+#include <algorithm>
+#include <new>
 
 namespace ZOTH {
 
@@ -194,6 +199,7 @@ size_t CHttpClientCurl::CurlWriteCallback(char* data, size_t size, size_t count,
     auto* self = static_cast<CHttpClientCurl*>(user);
     const size_t n = size * count;
     if (!self->m_bSpeedTestRunning) {
+        if (self->m_strResponseBody.empty()) self->ReserveForBody();
         self->m_strResponseBody.append(data, n);
         self->m_dwTotalSize += static_cast<DWORD>(n);
     } else {
@@ -205,6 +211,23 @@ size_t CHttpClientCurl::CurlWriteCallback(char* data, size_t size, size_t count,
     }
     if (self->m_bStopRequested) return 0;
     return n;
+}
+
+void CHttpClientCurl::ReserveForBody() {
+    // Growing a large body step by step costs a copy and fresh pages per step; one allocation of the
+    // announced length does not. A bogus length only costs capacity, and is capped.
+    constexpr curl_off_t kMaxReserve = curl_off_t{1} << 30;
+    curl_off_t announced = -1;
+    if (m_pCurl == nullptr ||
+        curl_easy_getinfo(m_pCurl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) != CURLE_OK ||
+        announced <= 0)
+        return;
+    try {
+        m_strResponseBody.reserve(static_cast<size_t>(std::min(announced, kMaxReserve)));
+        AdviseLargeBuffer(m_strResponseBody.data(), m_strResponseBody.capacity());
+    } catch (const std::bad_alloc&) {
+        // Appending will still try to grow as it goes.
+    }
 }
 
 size_t CHttpClientCurl::CurlWriteHeaderCallback(char* data, size_t size, size_t count, void* user) {

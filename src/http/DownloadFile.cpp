@@ -2,7 +2,7 @@
 #define CURL_DISABLE_DEPRECATION // CURLINFO_CONTENT_LENGTH_DOWNLOAD and the progress callback
 #include "zoth/file/CFileHepler.h"
 #include "zoth/http/CHttpClientCurl.h"
-#include "zoth/platform/Win32Shell.h"
+#include "zoth/platform/Win32Path.h"
 
 #include "http/CurlOption.h"
 
@@ -44,7 +44,11 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
     if (m_resultCode != CURLE_OK) return 0;
     if (static_cast<double>(m_strResponseBody.size()) != announced) return 0;
 
-    return CFileHepler::WriteDataToFile(m_strResponseBody, filePath, CREATE_ALWAYS) != 0 ? 1 : 0;
+    // The pointer form writes the same bytes without a second copy of a body that may be large.
+    return CFileHepler::WriteDataToFile(m_strResponseBody.data(), static_cast<int>(m_strResponseBody.size()),
+                                        filePath, CREATE_ALWAYS) != 0
+               ? 1
+               : 0;
 }
 
 int CHttpClientCurl::CheckFileMd5(std::string filePath, std::string) {

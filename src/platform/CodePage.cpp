@@ -1,6 +1,6 @@
 // MultiByteToWideChar, WideCharToMultiByte and the process-wide ANSI code page. UTF-8 goes through
-// the layer's own converter (CodePageUtf8.cpp); every other code page through glibc iconv, with one
-// conversion descriptor per call, since an iconv_t must not be shared between threads.
+// the layer's own converter (CodePageUtf8.cpp); every other code page through glibc iconv, with
+// descriptors kept per thread, since an iconv_t must not be shared between threads.
 #include "platform/CodePage.h"
 
 #include <algorithm>
@@ -11,6 +11,7 @@
 #include <cstring>
 #include <cwchar>
 #include <iconv.h>
+#include <mutex>
 #include <string>
 
 namespace ZOTH::platform {
@@ -37,20 +38,65 @@ bool IsAnsiCodePage(UINT codePage) {
            codePage != 12000 && codePage != 12001 && codePage != 54936;
 }
 
-// Owns one iconv descriptor for the length of a call.
+// Owns one iconv descriptor. Opening and closing go through one lock: they may load and unload
+// glibc's converter modules, which the dynamic loader does under locks of its own that thread
+// checkers cannot see. Conversions on separate descriptors need no lock.
 class Converter {
 public:
-    Converter(const std::string& to, const std::string& from) : cd_(iconv_open(to.c_str(), from.c_str())) {}
-    ~Converter() {
-        if (Ok()) iconv_close(cd_);
-    }
+    Converter() = default;
+    Converter(const std::string& to, const std::string& from) { Open(to, from); }
+    ~Converter() { Close(); }
     Converter(const Converter&) = delete;
     Converter& operator=(const Converter&) = delete;
-    bool Ok() const { return cd_ != reinterpret_cast<iconv_t>(-1); }
+    bool Ok() const { return cd_ != None(); }
     iconv_t Get() const { return cd_; }
 
+    // Keeps descriptors per thread and direction for the last few code pages used there: opening
+    // one for a double-byte page costs tens of microseconds. Returns it in its initial state.
+    static const Converter& ForThread(UINT codePage, bool toWide) {
+        struct Slot {
+            UINT page = 0;
+            Converter converter;
+        };
+        constexpr int kSlots = 4;
+        thread_local Slot slots[2][kSlots];
+        thread_local unsigned replace[2] = {0, 0};
+        Slot* row = slots[toWide ? 1 : 0];
+        for (int i = 0; i < kSlots; ++i) {
+            if (row[i].page == codePage && row[i].converter.Ok()) {
+                iconv(row[i].converter.cd_, nullptr, nullptr, nullptr, nullptr);
+                return row[i].converter;
+            }
+        }
+        Slot& slot = row[replace[toWide ? 1 : 0]++ % kSlots];
+        std::string name = IconvName(codePage);
+        if (toWide)
+            slot.converter.Open("UTF-16LE", name);
+        else
+            slot.converter.Open(name, "UTF-32LE");
+        slot.page = slot.converter.Ok() ? codePage : 0;
+        return slot.converter;
+    }
+
 private:
-    iconv_t cd_;
+    static iconv_t None() { return reinterpret_cast<iconv_t>(-1); }
+    static std::mutex& Lock() {
+        static std::mutex lock;
+        return lock;
+    }
+    void Open(const std::string& to, const std::string& from) {
+        std::lock_guard<std::mutex> hold(Lock());
+        if (Ok()) iconv_close(cd_);
+        cd_ = iconv_open(to.c_str(), from.c_str());
+    }
+    void Close() {
+        if (!Ok()) return;
+        std::lock_guard<std::mutex> hold(Lock());
+        iconv_close(cd_);
+        cd_ = None();
+    }
+
+    iconv_t cd_ = None();
 };
 
 // Collects output units, counting only when the capacity is 0.
@@ -85,7 +131,7 @@ UINT Resolve(UINT codePage) {
 
 long long CodePageToUtf16(UINT codePage, const char* source, size_t count, wchar_t* destination,
                           size_t capacity, bool strict) {
-    Converter converter("UTF-16LE", IconvName(codePage));
+    const Converter& converter = Converter::ForThread(codePage, true);
     if (!converter.Ok()) return kNoCodePage;
 
     Sink<wchar_t> sink{destination, capacity};
@@ -129,7 +175,7 @@ long long CodePageToUtf16(UINT codePage, const char* source, size_t count, wchar
 
 long long Utf16ToCodePage(UINT codePage, const wchar_t* source, size_t count, char* destination,
                           size_t capacity, const char* defaultChar, BOOL* usedDefault) {
-    Converter converter(IconvName(codePage), "UTF-32LE");
+    const Converter& converter = Converter::ForThread(codePage, false);
     if (!converter.Ok()) return kNoCodePage;
 
     const char* fallback = defaultChar != nullptr && defaultChar[0] != '\0' ? defaultChar : "?";

@@ -1,4 +1,5 @@
 // Critical sections: a recursive mutex behind CRITICAL_SECTION::Impl.
+#if !defined(_WIN32) // on Windows these calls come from the system
 #include "zoth/platform/Win32Thread.h"
 
 #include <mutex>
@@ -30,3 +31,5 @@ void DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection) {
     delete static_cast<std::recursive_mutex*>(lpCriticalSection->Impl);
     lpCriticalSection->Impl = nullptr;
 }
+
+#endif // !_WIN32

@@ -21,12 +21,12 @@ bool IsClosed(const bool& flag) {
 }
 } // namespace
 
-CTesselControlBase::CTesselControlBase() : m_csTask{nullptr}, m_bStopAddTask(false) {
+CTesselControlBase::CTesselControlBase() : m_csTask{}, m_bStopAddTask(false) {
     InitLock(m_csTask);
 }
 
 CTesselControlBase::CTesselControlBase(const CTesselControlBase& other)
-    : m_mapTask(other.m_mapTask), m_csTask{nullptr}, m_bStopAddTask(IsClosed(other.m_bStopAddTask)) {
+    : m_mapTask(other.m_mapTask), m_csTask{}, m_bStopAddTask(IsClosed(other.m_bStopAddTask)) {
     InitLock(m_csTask);
 }
 

@@ -28,13 +28,17 @@ inline uint32_t Rotate(uint32_t x, int n) {
     return (x << n) | (x >> (32 - n));
 }
 
-// The four auxiliary functions, F and G in the forms that need one operation less.
+// The auxiliary functions F, H and I, F in the form that needs one operation less; G is in its step.
 #define ZOTH_MD5_F(x, y, z) ((z) ^ ((x) & ((y) ^ (z))))
-#define ZOTH_MD5_G(x, y, z) ((y) ^ ((z) & ((x) ^ (y))))
 #define ZOTH_MD5_H(x, y, z) ((x) ^ (y) ^ (z))
 #define ZOTH_MD5_I(x, y, z) ((y) ^ ((x) | ~(z)))
 #define ZOTH_MD5_STEP(f, a, b, c, d, x, s, t)                                                                \
     a += f(b, c, d) + (x) + static_cast<uint32_t>(t);                                                        \
+    a = Rotate(a, s) + b;
+// G as two terms that never share a bit, added one by one so the first need not wait for b.
+#define ZOTH_MD5_STEP_G(a, b, c, d, x, s, t)                                                                 \
+    a += (x) + static_cast<uint32_t>(t) + (~(d) & (c));                                                      \
+    a += (d) & (b);                                                                                          \
     a = Rotate(a, s) + b;
 
 void Md5Transform(uint32_t state[4], const uint32_t x[16]) {
@@ -57,22 +61,22 @@ void Md5Transform(uint32_t state[4], const uint32_t x[16]) {
     ZOTH_MD5_STEP(ZOTH_MD5_F, c, d, a, b, x[14], 17, 0xa679438e)
     ZOTH_MD5_STEP(ZOTH_MD5_F, b, c, d, a, x[15], 22, 0x49b40821)
 
-    ZOTH_MD5_STEP(ZOTH_MD5_G, a, b, c, d, x[1], 5, 0xf61e2562)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, d, a, b, c, x[6], 9, 0xc040b340)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, c, d, a, b, x[11], 14, 0x265e5a51)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, b, c, d, a, x[0], 20, 0xe9b6c7aa)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, a, b, c, d, x[5], 5, 0xd62f105d)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, d, a, b, c, x[10], 9, 0x02441453)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, c, d, a, b, x[15], 14, 0xd8a1e681)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, b, c, d, a, x[4], 20, 0xe7d3fbc8)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, a, b, c, d, x[9], 5, 0x21e1cde6)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, d, a, b, c, x[14], 9, 0xc33707d6)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, c, d, a, b, x[3], 14, 0xf4d50d87)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, b, c, d, a, x[8], 20, 0x455a14ed)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, a, b, c, d, x[13], 5, 0xa9e3e905)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, d, a, b, c, x[2], 9, 0xfcefa3f8)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, c, d, a, b, x[7], 14, 0x676f02d9)
-    ZOTH_MD5_STEP(ZOTH_MD5_G, b, c, d, a, x[12], 20, 0x8d2a4c8a)
+    ZOTH_MD5_STEP_G(a, b, c, d, x[1], 5, 0xf61e2562)
+    ZOTH_MD5_STEP_G(d, a, b, c, x[6], 9, 0xc040b340)
+    ZOTH_MD5_STEP_G(c, d, a, b, x[11], 14, 0x265e5a51)
+    ZOTH_MD5_STEP_G(b, c, d, a, x[0], 20, 0xe9b6c7aa)
+    ZOTH_MD5_STEP_G(a, b, c, d, x[5], 5, 0xd62f105d)
+    ZOTH_MD5_STEP_G(d, a, b, c, x[10], 9, 0x02441453)
+    ZOTH_MD5_STEP_G(c, d, a, b, x[15], 14, 0xd8a1e681)
+    ZOTH_MD5_STEP_G(b, c, d, a, x[4], 20, 0xe7d3fbc8)
+    ZOTH_MD5_STEP_G(a, b, c, d, x[9], 5, 0x21e1cde6)
+    ZOTH_MD5_STEP_G(d, a, b, c, x[14], 9, 0xc33707d6)
+    ZOTH_MD5_STEP_G(c, d, a, b, x[3], 14, 0xf4d50d87)
+    ZOTH_MD5_STEP_G(b, c, d, a, x[8], 20, 0x455a14ed)
+    ZOTH_MD5_STEP_G(a, b, c, d, x[13], 5, 0xa9e3e905)
+    ZOTH_MD5_STEP_G(d, a, b, c, x[2], 9, 0xfcefa3f8)
+    ZOTH_MD5_STEP_G(c, d, a, b, x[7], 14, 0x676f02d9)
+    ZOTH_MD5_STEP_G(b, c, d, a, x[12], 20, 0x8d2a4c8a)
 
     ZOTH_MD5_STEP(ZOTH_MD5_H, a, b, c, d, x[5], 4, 0xfffa3942)
     ZOTH_MD5_STEP(ZOTH_MD5_H, d, a, b, c, x[8], 11, 0x8771f681)
@@ -115,10 +119,10 @@ void Md5Transform(uint32_t state[4], const uint32_t x[16]) {
 }
 
 #undef ZOTH_MD5_F
-#undef ZOTH_MD5_G
 #undef ZOTH_MD5_H
 #undef ZOTH_MD5_I
 #undef ZOTH_MD5_STEP
+#undef ZOTH_MD5_STEP_G
 
 // Runs the transform on one 64-byte block read as 16 little-endian words.
 inline void TransformBlock(uint32_t state[4], const unsigned char* block) {

@@ -50,7 +50,8 @@ Str& ReplaceDistinctFrom(Str& text, const Str& oldValue, const Str& newValue,
 
 // Replaces until no occurrence is left, searching from `start` each time, so text made by one
 // replacement is searched too. An empty old value, or a new value holding the old one, would never
-// end; those get one pass of distinct replacement from `start` instead.
+// end; those get one pass of distinct replacement from `start` instead. Rules that keep recreating
+// the old value through the text around it (old "ab", new "bbaa") still never end: the caller's limit.
 template <typename Str>
 Str& ReplaceRepeated(Str& text, const Str& oldValue, const Str& newValue, unsigned int start) {
     if (oldValue == newValue || oldValue.empty()) return text;

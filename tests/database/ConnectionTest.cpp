@@ -97,17 +97,18 @@ TEST(DatabaseConnection, FailedOpenLeavesOnlyAClose) {
 TEST(DatabaseConnection, FailureTableOfExecSqlAndExecQuery) {
     TempDir dir;
     DWORD code = 77;
-    CSqlLiteQueryInternal q;
     std::string select = "SELECT 1";
 
     // No connection: 0, and neither the code nor the cursor is written.
     CSqlLiteInternal closed;
+    CSqlLiteQueryInternal none;
     EXPECT_EQ(0, closed.ExecSql(select, code));
-    EXPECT_EQ(0, closed.ExecQuery(select, q, code));
+    EXPECT_EQ(0, closed.ExecQuery(select, none, code));
     EXPECT_EQ(77u, code);
-    EXPECT_EQ(0, q.GetCols());
+    EXPECT_EQ(0, none.GetCols());
 
     OpenDb c(dir / "table.db");
+    CSqlLiteQueryInternal q; // after c, so it is finalized before c closes
     c.Exec("CREATE TABLE t(x INTEGER PRIMARY KEY, y TEXT); INSERT INTO t VALUES(1, 'one');");
     ASSERT_EQ(100u, c.Query("SELECT y FROM t", q)); // a cursor on a row, to see it left alone
 

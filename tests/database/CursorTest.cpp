@@ -216,6 +216,41 @@ TEST(DatabaseCursor, TypeCodesAndSqliteConversions) {
     EXPECT_TRUE(q.GetFloatField(7, d));
 }
 
+TEST(DatabaseCursor, ZeroValuesAreNotNull) {
+    TempDir dir;
+    OpenDb c(dir / "zero.db");
+    CSqlLiteQueryInternal q;
+    ASSERT_EQ(100u, c.Query("SELECT 0, 0.0, '0', 'abc', NULL, X'', -0.0", q));
+    for (int col : {0, 1, 2, 3, 5, 6}) {
+        int i = 7;
+        __int64 i64 = 7;
+        double d = 7;
+        EXPECT_TRUE(q.GetIntField(col, i)) << col;
+        EXPECT_TRUE(q.GetInt64Field(col, i64)) << col;
+        EXPECT_TRUE(q.GetFloatField(col, d)) << col;
+        EXPECT_EQ(0, i) << col;
+        EXPECT_EQ(0, i64) << col;
+        EXPECT_EQ(0.0, d) << col;
+    }
+    int i = 7;
+    __int64 i64 = 7;
+    double d = 7;
+    EXPECT_FALSE(q.GetIntField(4, i));
+    EXPECT_FALSE(q.GetInt64Field(4, i64));
+    EXPECT_FALSE(q.GetFloatField(4, d));
+    EXPECT_EQ(7, i);
+    EXPECT_EQ(7, i64);
+    EXPECT_EQ(7, d);
+    // The reads changed no column's kind as far as NULL is concerned.
+    int type = 0;
+    EXPECT_TRUE(q.FieldDataType(4, type));
+    EXPECT_EQ(SQLITE_NULL, type);
+    EXPECT_TRUE(q.FieldDataType(3, type));
+    EXPECT_NE(SQLITE_NULL, type);
+    EXPECT_FALSE(q.FieldIsNull(0));
+    EXPECT_TRUE(q.FieldIsNull(4));
+}
+
 TEST(DatabaseCursor, TextAndBlobAreCutAtTheFirstNul) {
     TempDir dir;
     OpenDb c(dir / "nul.db");
@@ -330,6 +365,7 @@ TEST(DatabaseCursor, CopiesShareButNeverFinalizeTheStatement) {
     assigned = q;
     CSqlLiteQueryInternal& same = q;
     q = same;                     // self-assignment keeps ownership
+    q = assigned;                 // so does taking back a copy of its own statement
     EXPECT_EQ(0, c.db.CloseDB()); // the statement is still alive
     assigned.Finalize();
     EXPECT_EQ(0, c.db.CloseDB());

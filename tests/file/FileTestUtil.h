@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -43,6 +44,21 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
     if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
     if (WEXITSTATUS(status) == 3) return -1;
     return WEXITSTATUS(status) == 0 ? 1 : 0;
+}
+
+} // namespace zoth_test
+
+namespace zoth_test {
+
+// The digest as the system's md5sum tool reports it, the peer the tests compare against.
+inline std::string Md5sumOf(const std::string& path) {
+    std::string command = "md5sum '" + path + "'";
+    FILE* pipe = ::popen(command.c_str(), "r");
+    if (pipe == nullptr) return "";
+    char digest[33] = {};
+    size_t n = fread(digest, 1, 32, pipe);
+    ::pclose(pipe);
+    return std::string(digest, n);
 }
 
 } // namespace zoth_test

@@ -7,6 +7,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 using namespace task_test;
 
@@ -16,7 +17,10 @@ class Counter : public ZOTH::CThreadTimer {
 public:
     std::atomic<int> calls{0};
     std::atomic<std::condition_variable*> notifyInAction{nullptr};
+    std::atomic<Clock::rep> firstCall{0};
     void OnTimer() override {
+        Clock::rep none = 0;
+        firstCall.compare_exchange_strong(none, Clock::now().time_since_epoch().count());
         if (std::condition_variable* cond = notifyInAction.load())
             cond->notify_all(); // the loop is not in an exit wait now
         ++calls;
@@ -39,14 +43,17 @@ TEST(TaskLoopTimer, NotifyAllOnSharedPairEndsSeveralTimers) {
     std::mutex exitMutex;
     std::condition_variable exitCond;
     Counter a, b, c;
+    auto started = Clock::now().time_since_epoch().count();
     for (Counter* t : {&a, &b, &c}) {
         t->SetTimerDuringTime(30);
         t->SetGlobalExitMutex(&exitMutex);
         t->SetGlobalConditionVariable(&exitCond);
         t->StartTimer();
     }
-    EXPECT_EQ(a.calls.load(), 0); // the first action comes after a whole cycle
     ASSERT_TRUE(Eventually([&] { return a.calls >= 2 && b.calls >= 2 && c.calls >= 2; }));
+    // The first action comes after a whole cycle: 20 + 30 + 20 ms at the least.
+    EXPECT_GE(a.firstCall.load() - started,
+              std::chrono::duration_cast<Clock::duration>(milliseconds(65)).count());
     ASSERT_TRUE(EndAll(exitCond, {&a, &b, &c}));
     int before = a.calls.load();
     std::this_thread::sleep_for(milliseconds(150));
@@ -103,7 +110,9 @@ TEST(TaskLoopTimer, WithoutAFullPairTheLoopCannotEnd) {
     // Such a loop runs until the process ends, so its object and mutex are never freed.
     static std::mutex onlyMutex;
     static std::condition_variable unrelated;
-    static Counter* timer = new Counter();
+    static std::vector<Counter*> neverFreed; // keeps them reachable for the leak checker
+    Counter* timer = new Counter();
+    neverFreed.push_back(timer);
     timer->SetTimerDuringTime(20);
     timer->SetGlobalExitMutex(&onlyMutex); // no condition variable: no exit waits
     timer->StartTimer();

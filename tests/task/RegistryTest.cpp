@@ -24,7 +24,12 @@ public:
     std::vector<std::string>* stopLog = nullptr;
     std::function<void()> onStop;
 
-    ~Job() override { ++g_destroyed; }
+    std::atomic<Clock::rep>* destroyedAt = nullptr;
+
+    ~Job() override {
+        ++g_destroyed;
+        if (destroyedAt) *destroyedAt = Clock::now().time_since_epoch().count();
+    }
     void ThreadWork(bool*) override {
         ++runs;
         if (completes) std::atomic_ref<bool>(m_bTaskComplete).store(true);
@@ -240,21 +245,26 @@ TEST(TaskRegistry, StopTaskOverrideMayCallBackIntoTheRegistry) {
 }
 
 TEST(TaskRegistry, LockIsHeldAcrossTheSleep) {
+    // A lookup that starts during the first pass can only get in after the sleep and the second
+    // pass, in which the completed task is destroyed, still under the lock.
     Registry registry;
-    auto job = MakeJob("probe");
     std::atomic<bool> insideStop{false};
-    std::atomic<bool> stopReturned{false};
-    job->onStop = [&] { insideStop = true; };
-    registry.AddTaskMap(job, "probe");
-    std::thread stopper([&] {
-        registry.StopAllTask();
-        stopReturned = true;
-    });
+    std::atomic<Clock::rep> destroyedAt{0};
+    {
+        auto job = MakeJob("probe");
+        job->onStop = [&] { insideStop = true; };
+        job->destroyedAt = &destroyedAt;
+        registry.AddTaskMap(job, "probe");
+        registry.StartTask(job);
+        ASSERT_TRUE(Eventually([&] { return job->GetTaskCompleteStatus(); }));
+    } // the registry holds the only reference
+    std::thread stopper([&] { registry.StopAllTask(); });
     ASSERT_TRUE(Eventually([&] { return insideStop.load(); }));
-    registry.GetTaskById("probe"); // blocks until StopAllTask leaves the lock
-    EXPECT_TRUE(stopReturned.load() || Eventually([&] { return stopReturned.load(); }, milliseconds(50)));
+    EXPECT_EQ(registry.GetTaskById("probe"), nullptr); // blocks until StopAllTask leaves the lock
+    Clock::rep gotIn = Clock::now().time_since_epoch().count();
     stopper.join();
-    job->onStop = nullptr;
+    ASSERT_NE(destroyedAt.load(), 0);
+    EXPECT_GE(gotIn, destroyedAt.load());
 }
 
 TEST(TaskRegistry, CopiesShareTasksWithLocksOfTheirOwn) {

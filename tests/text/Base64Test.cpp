@@ -21,6 +21,17 @@ TEST(TextBase64, EncodeShape) {
     EXPECT_EQ(STRING_UTIL::Base64Encode("\xFB\xFF\xBF"), "+/+/"); // the two last alphabet characters
     EXPECT_EQ(STRING_UTIL::Base64Encode("\xFF"), "/w==");         // missing bits are zero
 
+    // A long input goes through the block paths; expected text made with the base64 command.
+    std::string steps;
+    for (int b = 0; b < 256; b += 5)
+        steps += static_cast<char>(b);
+    for (int b = 255; b > 0; b -= 7)
+        steps += static_cast<char>(b);
+    EXPECT_EQ(
+        STRING_UTIL::Base64Encode(steps),
+        "AAUKDxQZHiMoLTI3PEFGS1BVWl9kaW5zeH2Ch4yRlpugpaqvtLm+w8jN0tfc4ebr8PX6///48erj3NXOx8C5squknZaPiIF6c2xl"
+        "XldQSUI7NC0mHxgRCgM=");
+
     // Length always a multiple of 4, no line break however long.
     for (size_t n : {1u, 2u, 3u, 57u, 58u, 76u, 1000u, 100000u}) {
         std::string text = STRING_UTIL::Base64Encode(std::string(n, '\xAB'));
@@ -83,4 +94,18 @@ TEST(TextBase64, DecodeQuirks) {
     // NUL bytes decode by count, not cut at the first one.
     EXPECT_EQ(STRING_UTIL::Base64Decode("AAAA"), std::string(3, '\0'));
     EXPECT_EQ(STRING_UTIL::Base64Decode("AAAAQQ=="), std::string("\0\0\0A", 4));
+
+    // Long texts go through the block paths: every alphabet character, and a block holding "=" or a
+    // bad byte somewhere in the middle.
+    const std::string alphabet = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string text = alphabet + alphabet + alphabet + alphabet;
+    EXPECT_EQ(STRING_UTIL::Base64Encode(STRING_UTIL::Base64Decode(text)), text);
+    std::string blocks(64, 'A');
+    EXPECT_EQ(STRING_UTIL::Base64Decode(blocks + "AA=A" + blocks),
+              std::string(48, '\0') + std::string("\x00\x3F\xC0", 3) + std::string(48, '\0'));
+    for (size_t at : {0u, 5u, 17u, 31u, 64u, 100u, 131u}) {
+        std::string bad = blocks + blocks + "AAAA";
+        bad[at] = '.';
+        EXPECT_EQ(STRING_UTIL::Base64Decode(bad), "") << at;
+    }
 }

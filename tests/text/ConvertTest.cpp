@@ -197,4 +197,19 @@ TEST(TextConvert, AnsiDoubleByteCodePage936) {
     EXPECT_FALSE(STRING_UTIL::IsvalidAsci("\xD6\xD0\x81"));
     // Under flags 0 the same input converts with a replacement instead of failing.
     EXPECT_EQ(STRING_UTIL::Asci2Utf8("ab\xD6"), "ab?");
+
+    // Two bytes per unit fill the 2n+2 destination; three UTF-8 bytes per character fit 3(n+1).
+    std::string ansiLong, utf8Long;
+    for (int i = 0; i < 100; ++i) {
+        ansiLong += "\xD6\xD0";
+        utf8Long += "\xE4\xB8\xAD";
+    }
+    EXPECT_EQ(STRING_UTIL::Unicode2Asci(std::wstring(100, static_cast<wchar_t>(0x4E2D))), ansiLong);
+    EXPECT_EQ(STRING_UTIL::Utf82Asci(utf8Long), ansiLong);
+    EXPECT_EQ(STRING_UTIL::Asci2Utf8(ansiLong), utf8Long);
+    EXPECT_EQ(STRING_UTIL::Asci2Unicode(ansiLong), std::wstring(100, static_cast<wchar_t>(0x4E2D)));
+    // The NUL rules hold for double-byte text too.
+    EXPECT_EQ(STRING_UTIL::Asci2Unicode(std::string("\xD6\xD0\0\xCE\xC4", 5)), std::wstring(1, 0x4E2D));
+    EXPECT_EQ(STRING_UTIL::Asci2Utf8(std::string("\xD6\xD0\0\xCE\xC4", 5)),
+              std::string("\xE4\xB8\xAD\0\xE6\x96\x87", 7));
 }

@@ -54,13 +54,15 @@ int RunPut(const Args& args) {
     return RunRequest(args, ZOTH::EREQUEST_METHOD_PUT, "put");
 }
 
-// A one-line bar on stderr, redrawn at most every 100 ms.
+// A one-line bar on stderr, redrawn at most every 100 ms and when the count is complete.
 class ProgressBar {
 public:
     void operator()(double total, double now) {
         auto t = std::chrono::steady_clock::now();
-        if (t - m_last < std::chrono::milliseconds(100) && !(total > 0 && now >= total)) return;
+        const bool complete = total > 0 && now >= total;
+        if (now == m_lastNow || (t - m_last < std::chrono::milliseconds(100) && !complete)) return;
         m_last = t;
+        m_lastNow = now;
         const int width = 40;
         if (total > 0) {
             int filled = static_cast<int>(width * now / total);
@@ -71,12 +73,15 @@ public:
         }
         m_drawn = true;
     }
-    ~ProgressBar() {
+    // Ends the bar's line, if one was drawn.
+    void Finish() {
         if (m_drawn) std::fprintf(stderr, "\n");
+        m_drawn = false;
     }
 
 private:
     std::chrono::steady_clock::time_point m_last{};
+    double m_lastNow = -1;
     bool m_drawn = false;
 };
 
@@ -86,7 +91,9 @@ int RunDownload(const Args& args) {
     ProgressBar bar;
     if (isatty(STDOUT_FILENO))
         client.SetProgressObserver([&bar](double total, double now) { bar(total, now); });
-    if (!client.DownloadFile(args[0], args[1], "")) {
+    const int ok = client.DownloadFile(args[0], args[1], "");
+    bar.Finish();
+    if (!ok) {
         if (client.GetResultCode() != CURLE_OK) return TransferFailed("download", client);
         return Error("download failed: not a complete 200 answer, or " + args[1] + " cannot be written");
     }

@@ -17,7 +17,8 @@ public:
     // A copy addresses the same statement but does not own it: only the original finalizes it, and
     // a copy must not be used after that.
     CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other);
-    // As the copy; a statement the target held is not finalized.
+    // As the copy, except that an owner assigned its own statement stays the owner. A different
+    // statement the target held is not finalized: call Finalize first.
     CSqlLiteQueryInternal& operator=(const CSqlLiteQueryInternal& other);
     // Finalizes the statement if this cursor owns one.
     virtual ~CSqlLiteQueryInternal();
@@ -71,10 +72,6 @@ public:
     bool FieldIndex(const char* name, int& index);
 
 private:
-    bool ValidColumn(int index) const;
-    // True when the column exists and its current value is not SQL NULL.
-    bool ReadableValue(int index) const;
-
     sqlite3* m_pDb;        // the statement's connection; never closed here
     sqlite3_stmt* m_pStmt; // the statement being walked, null when none is held
     bool m_bEof;           // SQLite has said SQLITE_DONE

@@ -107,6 +107,8 @@ private:
     bool SetRequestOptions(const std::string& url, const std::string& proxy);
     // Empties what the previous transfer received.
     void BeginTransfer();
+    // Makes room for the whole body once its length is announced.
+    void ReserveForBody();
 
     DWORD m_dwStartTime;
     DWORD m_dwEndTime;

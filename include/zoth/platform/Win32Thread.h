@@ -47,7 +47,8 @@ ZOTH_API uintptr_t _beginthreadex(void* security, unsigned stack_size, unsigned 
                                   void* arglist, unsigned initflag, unsigned* thrdaddr);
 
 // Ends a thread by force with `dwExitCode`. On POSIX the thread is cancelled: it ends at its next
-// cancellation point (any wait or sleep), unwinding its stack. Never waits for it.
+// cancellation point (any wait or sleep), unwinding its stack; in a ThreadSanitizer build, which
+// cannot follow a cancelled thread, it is left running, detached. Never waits for it.
 ZOTH_API BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode);
 
 // The exit code of a thread: what its entry returned, the code given to TerminateThread, or

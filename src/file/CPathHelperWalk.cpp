@@ -1,0 +1,123 @@
+// CPathHelper: one-level listings of a folder and depth-first deletion of a tree. Every walk drops the
+// first entry the search delivers unseen (on an ordinary folder that is "."), and links are never
+// entered because the platform reports them without the directory attribute.
+#include "zoth/file/CPathHelper.h"
+#include "zoth/platform/Win32File.h"
+#include "zoth/platform/Win32Path.h"
+
+#include <cstring>
+
+namespace ZOTH {
+
+namespace {
+
+// Separators: the map forms and deletion paths use the platform's, the list forms and the deletion
+// search pattern a literal "//".
+const std::string kSeparator = ZOTH_PATH_SEPARATOR_TEXT;
+const std::string kListSeparator = "//";
+
+enum class Keep { Files, Directories, Everything };
+
+// The shared walk of the four listings: calls `add(name)` for every entry that counts.
+template <class Add>
+void Walk(const std::string& folder, const std::string& pattern, Keep keep, const std::string& filter,
+          Add add) {
+    if (!PathFileExistsA(folder.c_str())) return;
+    _WIN32_FIND_DATAA entry;
+    HANDLE search = FindFirstFileA(pattern.c_str(), &entry);
+    if (search == INVALID_HANDLE_VALUE) return;
+    while (FindNextFileA(search, &entry)) {
+        bool directory = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+        if (directory && (std::strcmp(entry.cFileName, ".") == 0 || std::strcmp(entry.cFileName, "..") == 0))
+            continue;
+        if (keep == Keep::Files && directory) continue;
+        if (keep == Keep::Directories && !directory) continue;
+        if (!filter.empty() && std::strstr(entry.cFileName, filter.c_str()) == nullptr) continue;
+        add(entry.cFileName);
+    }
+    FindClose(search);
+}
+
+} // namespace
+
+int CPathHelper::IsDirectory(const _WIN32_FIND_DATAA& entry) {
+    return (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) ? 1 : 0;
+}
+
+int CPathHelper::IsDot(const _WIN32_FIND_DATAA& entry) {
+    return IsDirectory(entry) &&
+                   (std::strcmp(entry.cFileName, ".") == 0 || std::strcmp(entry.cFileName, "..") == 0)
+               ? 1
+               : 0;
+}
+
+// Name -> folder + separator + name, for the files whose name holds `filter`.
+std::map<std::string, std::string> CPathHelper::GetLocalFileMap(std::string folder, std::string filter) {
+    std::map<std::string, std::string> result;
+    Walk(folder, folder + kSeparator + "*.*", Keep::Files, filter,
+         [&](const char* name) { result[name] = folder + kSeparator + name; });
+    return result;
+}
+
+// Name -> folder + separator + name, for the subfolders.
+std::map<std::string, std::string> CPathHelper::GetLocalDirMap(std::string folder) {
+    std::map<std::string, std::string> result;
+    Walk(folder, folder + kSeparator + "*.*", Keep::Directories, "",
+         [&](const char* name) { result[name] = folder + kSeparator + name; });
+    return result;
+}
+
+// folder + "//" + name for the files whose name holds `filter`, in the order of the search.
+std::vector<std::string> CPathHelper::GetLocalFileList(std::string folder, std::string filter) {
+    std::vector<std::string> result;
+    std::string prefix = folder + kListSeparator;
+    Walk(folder, prefix + "*.*", Keep::Files, filter,
+         [&](const char* name) { result.push_back(prefix + name); });
+    return result;
+}
+
+// folder + "//" + name for every entry, files and folders alike.
+std::vector<std::string> CPathHelper::GetLocalDirList(std::string folder) {
+    std::vector<std::string> result;
+    std::string prefix = folder + kListSeparator;
+    Walk(folder, prefix + "*.*", Keep::Everything, "",
+         [&](const char* name) { result.push_back(prefix + name); });
+    return result;
+}
+
+// Deletes the files of the tree depth first, passing over what cannot be deleted. 1 if the search
+// of `folder` started.
+int CPathHelper::DeleteFilesFromDirectory(std::string folder) {
+    _WIN32_FIND_DATAA entry;
+    HANDLE search = FindFirstFileA((folder + kListSeparator + "*.*").c_str(), &entry);
+    if (search == INVALID_HANDLE_VALUE) return 0;
+    while (FindNextFileA(search, &entry)) {
+        if (IsDot(entry)) continue;
+        std::string path = folder + kSeparator + entry.cFileName;
+        if (IsDirectory(entry))
+            DeleteFilesFromDirectory(path);
+        else
+            DeleteFileA(path.c_str());
+    }
+    FindClose(search);
+    return 1;
+}
+
+// Deletes the tree depth first, the folder itself last. 1 only if the folder itself was removed.
+int CPathHelper::DeleteDirectory(std::string folder) {
+    _WIN32_FIND_DATAA entry;
+    HANDLE search = FindFirstFileA((folder + kListSeparator + "*.*").c_str(), &entry);
+    if (search == INVALID_HANDLE_VALUE) return 0;
+    while (FindNextFileA(search, &entry)) {
+        if (IsDot(entry)) continue;
+        std::string path = folder + kSeparator + entry.cFileName;
+        if (IsDirectory(entry))
+            DeleteDirectory(path);
+        else
+            DeleteFileA(path.c_str());
+    }
+    FindClose(search);
+    return RemoveDirectoryA(folder.c_str()) ? 1 : 0;
+}
+
+} // namespace ZOTH
