@@ -71,7 +71,19 @@ pcdir=$(dirname "$pcfile")
 
 # The tool runs from the prefix with nothing in LD_LIBRARY_PATH: it finds the library by its rpath.
 version=$(env -u LD_LIBRARY_PATH "$prefix/bin/zoth" --version) || fail "installed zoth --version"
+env -u LD_LIBRARY_PATH "$prefix/bin/zoth" --help >/dev/null || fail "installed zoth --help"
 echo "installed: $soname, zoth --version: $version"
+
+# Every installed header compiles on its own with nothing but the package's flags: none of them may
+# lean on the source tree's private headers.
+step "compile each installed header alone"
+pc_cflags=$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags zoth-common) || fail "pkg-config --cflags zoth-common"
+while IFS= read -r header; do
+  rel=${header#"$prefix/include/"}
+  # shellcheck disable=SC2086 # the flags are meant to be split
+  printf '#include "%s"\n' "$rel" | g++ -std=c++20 -Wall -Wextra -Werror $pc_cflags -fsyntax-only -x c++ - ||
+    fail "installed header $rel does not compile on its own"
+done < <(find "$prefix/include/zoth" -name '*.h' | LC_ALL=C sort)
 
 # --- A loopback file server for the download example ------------------------------------------------
 www=$tmp/www
