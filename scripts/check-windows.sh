@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Windows compile check: every public header and every subsystem source must compile with mingw-w64
-# against <windows.h>. Syntax only: nothing is linked. src/platform is left out on purpose: it is the
-# Linux implementation of the Win32 calls, which on Windows come from <windows.h> itself.
+# Windows compile check: every public header, every subsystem source and every example must compile
+# with mingw-w64 against <windows.h>. Syntax only: nothing is linked. src/platform is left out on
+# purpose: it is the Linux implementation of the Win32 calls, which on Windows come from <windows.h>.
 #
 # usage: scripts/check-windows.sh
 # Prints one line per file and a final "N passed, N failed"; exits non-zero on any failure.
@@ -75,6 +75,12 @@ for sub in http task database file text; do
     report $? "$source"
   done < <(find "src/$sub" -name '*.cpp' | LC_ALL=C sort)
 done
+
+# The example programs, compiled as clients of the library: what a user copies must build there too.
+while IFS= read -r source; do
+  "$CXX_WIN" "${FLAGS[@]}" -x c++ "$source" >"$log" 2>&1
+  report $? "$source"
+done < <(find examples -name '*.cpp' 2>/dev/null | LC_ALL=C sort)
 
 echo "$passed passed, $failed failed"
 if [ "$passed" -eq 0 ]; then
