@@ -116,12 +116,27 @@ long long DecodeUtf8(const unsigned char* s, const unsigned char* end, wchar_t* 
             continue;
         }
 
-        // Runs of well-formed 2-byte (Latin, Greek, Cyrillic...) or 3-byte (CJK) sequences.
+        // Runs of well-formed 2-byte sequences (Latin, Greek, Cyrillic...) with the short ASCII
+        // stretches between them, or of 3-byte sequences (CJK).
         const unsigned char* runStart = s;
-        while (end - s >= 2 && (s[0] & 0xE0) == 0xC0 && IsContinuation(s[1]) && s[0] >= 0xC2) {
+        int asciiStretch = 0; // a long ASCII stretch goes back to the block path above
+        while (end - s >= 2) {
+            unsigned char c = s[0];
+            if (c < 0x80) {
+                if (++asciiStretch > 16) break;
+                if constexpr (kWrite) {
+                    if (kCheck && out >= capacity) return kBufferTooSmall;
+                    destination[out] = static_cast<wchar_t>(c);
+                }
+                ++out;
+                ++s;
+                continue;
+            }
+            if ((c & 0xE0) != 0xC0 || c < 0xC2 || !IsContinuation(s[1])) break;
+            asciiStretch = 0;
             if constexpr (kWrite) {
                 if (kCheck && out >= capacity) return kBufferTooSmall;
-                destination[out] = static_cast<wchar_t>(((s[0] & 0x1Fu) << 6) | (s[1] & 0x3Fu));
+                destination[out] = static_cast<wchar_t>(((c & 0x1Fu) << 6) | (s[1] & 0x3Fu));
             }
             ++out;
             s += 2;
@@ -242,6 +257,24 @@ long long EncodeUtf8(const wchar_t* s, const wchar_t* end, char* destination, si
         }
         // Runs of BMP characters outside the surrogates: 3 bytes from 0x800 (CJK), 2 below.
         const wchar_t* runStart = s;
+        if constexpr (kWrite && !kCheck && std::endian::native == std::endian::little) {
+            // Two at a time, each with one 4-byte store: unchecked, 4 bytes per element remain at
+            // any point, and each store's spare byte is written over next.
+            auto threeBytes = [](uint32_t unit) {
+                return unit - 0x800 < 0xD800 - 0x800 || unit - 0xE000 < 0x2000;
+            };
+            auto encode = [](uint32_t unit) {
+                return (0xE0 | (unit >> 12)) | (0x80 | ((unit >> 6) & 0x3F)) << 8 |
+                       (0x80 | (unit & 0x3F)) << 16;
+            };
+            for (; end - s >= 2; s += 2, out += 6) {
+                uint32_t first = static_cast<uint32_t>(s[0]), second = static_cast<uint32_t>(s[1]);
+                if (!threeBytes(first) || !threeBytes(second)) break;
+                uint32_t words[2] = {encode(first), encode(second)};
+                std::memcpy(destination + out, &words[0], 4);
+                std::memcpy(destination + out + 3, &words[1], 4);
+            }
+        }
         for (; s < end; ++s) {
             uint32_t unit = static_cast<uint32_t>(*s);
             if (!(unit - 0x800 < 0xD800 - 0x800 || unit - 0xE000 < 0x2000)) break;
@@ -262,9 +295,21 @@ long long EncodeUtf8(const wchar_t* s, const wchar_t* end, char* destination, si
             }
             out += 3;
         }
+        // 2-byte characters with the short ASCII stretches between them.
+        int asciiStretch = 0; // a long ASCII stretch goes back to the block path above
         for (; s < end; ++s) {
             uint32_t unit = static_cast<uint32_t>(*s);
-            if (unit - 0x80 >= 0x800 - 0x80) break;
+            if (unit < 0x80) {
+                if (++asciiStretch > 16) break;
+                if constexpr (kWrite) {
+                    if (kCheck && out >= capacity) return kBufferTooSmall;
+                    destination[out] = static_cast<char>(unit);
+                }
+                out += 1;
+                continue;
+            }
+            if (unit >= 0x800) break;
+            asciiStretch = 0;
             if constexpr (kWrite) {
                 if (kCheck && capacity - out < 2) return kBufferTooSmall;
                 destination[out] = static_cast<char>(0xC0 | (unit >> 6));

@@ -111,7 +111,7 @@ HANDLE CreateFileA(LPCSTR name, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWOR
         SetLastError(ERROR_PATH_NOT_FOUND);
         return INVALID_HANDLE_VALUE;
     }
-    int openFlags = O_CLOEXEC;
+    int openFlags = O_CLOEXEC | O_NONBLOCK; // a pipe must not block the open
     if ((access & GENERIC_READ) && WantsWrite(access))
         openFlags |= O_RDWR;
     else if (WantsWrite(access))
@@ -156,7 +156,7 @@ HANDLE CreateFileA(LPCSTR name, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWOR
             return INVALID_HANDLE_VALUE;
         }
         // A directory opens for its metadata only; POSIX does not open one for writing.
-        openFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+        openFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | O_NONBLOCK;
     }
 
     mode_t mode = (flags & FILE_ATTRIBUTE_READONLY) ? 0444 : 0666;
@@ -168,7 +168,14 @@ HANDLE CreateFileA(LPCSTR name, DWORD access, DWORD, LPSECURITY_ATTRIBUTES, DWOR
         SetLastErrorFromErrno(errno);
         return INVALID_HANDLE_VALUE;
     }
-    bool isDirectory = exists && S_ISDIR(st.st_mode);
+    struct stat opened;
+    if (::fstat(fd, &opened) != 0 || S_ISFIFO(opened.st_mode) || S_ISSOCK(opened.st_mode)) {
+        ::close(fd);
+        SetLastError(ERROR_ACCESS_DENIED);
+        return INVALID_HANDLE_VALUE;
+    }
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+    bool isDirectory = S_ISDIR(opened.st_mode);
     SetLastError((exists && (disposition == OPEN_ALWAYS || disposition == CREATE_ALWAYS))
                      ? ERROR_ALREADY_EXISTS
                      : ERROR_SUCCESS);
@@ -331,13 +338,13 @@ BOOL CopyFileA(LPCSTR existing, LPCSTR target, BOOL failIfExists) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    int from = ::open(existing, O_RDONLY | O_CLOEXEC);
+    int from = ::open(existing, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (from < 0) {
         SetLastErrorFromErrno(errno);
         return FALSE;
     }
     struct stat st;
-    if (::fstat(from, &st) != 0 || S_ISDIR(st.st_mode)) {
+    if (::fstat(from, &st) != 0 || !S_ISREG(st.st_mode)) { // no folders, pipes or devices
         SetLastError(ERROR_ACCESS_DENIED);
         ::close(from);
         return FALSE;

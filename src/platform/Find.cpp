@@ -108,6 +108,12 @@ HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data) {
         return INVALID_HANDLE_VALUE;
     }
     std::string full(pattern);
+    // Two leading separators name a network share on Windows; the layer has none. Refusing them
+    // also keeps "" + "//*.*" from turning into a search of the root folder.
+    if (full.size() >= 2 && full[0] == '/' && full[1] == '/') {
+        SetLastError(ERROR_BAD_NETPATH);
+        return INVALID_HANDLE_VALUE;
+    }
     size_t slash = full.rfind('/');
     std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : full.substr(0, slash);
     std::string name = slash == std::string::npos ? full : full.substr(slash + 1);

@@ -175,7 +175,7 @@ DWORD ReadVersionBlock(const Image& image, std::vector<uint8_t>& block) {
 
 DWORD ReadVersionBlock(LPCSTR name, std::vector<uint8_t>& block) {
     if (name == nullptr) return ERROR_INVALID_PARAMETER;
-    int fd = ::open(name, O_RDONLY | O_CLOEXEC);
+    int fd = ::open(name, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
         SetLastErrorFromErrno(errno);
         return GetLastError();

@@ -61,6 +61,10 @@ TEST(FileWrite, PointerFormAndNulBytes) {
     char raw[] = {'\0', 'x', '\0', 'y'};
     EXPECT_EQ(CFileHepler::WriteDataToFile(raw, 3, path, OPEN_ALWAYS), 1); // only the first three
     EXPECT_EQ(Slurp(path), bytes + std::string("\0x\0", 3));
+    // A negative length writes nothing and does not even truncate.
+    EXPECT_EQ(CFileHepler::WriteDataToFile(raw, -1, path, CREATE_ALWAYS), 0);
+    EXPECT_EQ(Slurp(path), bytes + std::string("\0x\0", 3));
+    EXPECT_EQ(CFileHepler::WriteDataToFile(nullptr, 4, path, OPEN_ALWAYS), 0);
 }
 
 TEST(FileWrite, ReadOnlyFileRefusesWrites) {
@@ -99,6 +103,9 @@ TEST(FileRead, WholeFilesMissingAndEmpty) {
 
     // Failures leave `data` as it was: a folder, a missing parent, a read-only file.
     data = "before";
+    std::string fifo = dir / "pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
+    EXPECT_EQ(CFileHepler::ReadDataByFilePath(fifo, data), 0); // refused, not waited on
     EXPECT_EQ(CFileHepler::ReadDataByFilePath(dir.Path(), data), 0);
     EXPECT_EQ(CFileHepler::ReadDataByFilePath(dir / "no/such/file", data), 0);
     Spit(dir / "ro.txt", "ro");

@@ -84,6 +84,7 @@ TEST(FileListing, OnlyFoldersOneOfEachAndNothing) {
 
     // A missing folder, a file instead of a folder and an empty folder all give nothing.
     zoth_test::TempDir empty;
+    EXPECT_TRUE(CPathHelper::GetLocalDirList("").empty());
     for (const std::string& p : {dir / "missing", one / "f", empty.Path()}) {
         EXPECT_TRUE(CPathHelper::GetLocalFileMap(p, "").empty()) << p;
         EXPECT_TRUE(CPathHelper::GetLocalDirMap(p).empty()) << p;
@@ -95,6 +96,7 @@ TEST(FileListing, OnlyFoldersOneOfEachAndNothing) {
 TEST(FileDeletion, FilesGoFoldersStay) {
     zoth_test::TempDir dir;
     EXPECT_EQ(CPathHelper::DeleteFilesFromDirectory(dir / "missing"), 0);
+    EXPECT_EQ(CPathHelper::DeleteFilesFromDirectory(dir / "missing/"), 0);
     MakeDir(dir / "empty");
     EXPECT_EQ(CPathHelper::DeleteFilesFromDirectory(dir / "empty"), 1);
     EXPECT_TRUE(Exists(dir / "empty"));

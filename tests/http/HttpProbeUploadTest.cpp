@@ -38,9 +38,9 @@ void AddThrottledStream(LoopbackServer& server) {
 } // namespace
 
 TEST(HttpSpeed, ProbeEndsAtTheLimitWithASaneSpeed) {
+    const std::string big(3 * 1024 * 1024, 'b'); // before the server, which reads it until it stops
     LoopbackServer server;
     AddThrottledStream(server);
-    const std::string big(3 * 1024 * 1024, 'b');
     server.Http().Get("/big", [&](const httplib::Request&, httplib::Response& res) {
         res.set_content(big, "application/octet-stream");
     });
@@ -71,8 +71,8 @@ TEST(HttpSpeed, ProbeEndsAtTheLimitWithASaneSpeed) {
 }
 
 TEST(HttpSpeed, ShortFilesBadArgumentsAndFailures) {
-    LoopbackServer server;
     const std::string small(100 * 1024, 'q');
+    LoopbackServer server;
     server.Http().Get("/small", [&](const httplib::Request&, httplib::Response& res) {
         res.set_content(small, "application/octet-stream");
     });
@@ -109,10 +109,10 @@ TEST(HttpSpeed, ShortFilesBadArgumentsAndFailures) {
 }
 
 TEST(HttpUpload, MultipartPartsInOrderAsTheServerParsedThem) {
-    LoopbackServer server;
     std::mutex mutex;
     std::vector<std::string> names, filenames, contents;
     std::string token, contentType;
+    LoopbackServer server;
     server.Http().Post("/upload", [&](const httplib::Request& req, httplib::Response& res,
                                       const httplib::ContentReader& reader) {
         std::lock_guard<std::mutex> lock(mutex);
@@ -155,8 +155,8 @@ TEST(HttpUpload, MultipartPartsInOrderAsTheServerParsedThem) {
 }
 
 TEST(HttpUpload, ProxyStopFlagAndUnreadableFile) {
-    LoopbackServer server;
     std::atomic<int> uploads{0};
+    LoopbackServer server;
     server.Http().Post("/upload", [&](const httplib::Request& req, httplib::Response& res) {
         ++uploads;
         res.set_content(req.has_file("file") ? req.get_file_value("file").content : "none", "text/plain");

@@ -40,6 +40,8 @@ public:
         server.Http().Post("/echo", handler);
         server.Http().Put("/echo", handler);
     }
+    // Taking the lock orders the last handler's writes before the fields go away.
+    ~Echo() { std::lock_guard<std::mutex> lock(m_mutex); }
     Seen Last() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_seen;
@@ -117,9 +119,9 @@ TEST(HttpRequest, MethodsBodiesAndHeadersAsTheServerSawThem) {
 }
 
 TEST(HttpRequest, BodiesWithZeroBytesAndEmptyBodies) {
+    const std::string binary("a\0b\0\xff", 5); // before the server, which reads it until it stops
     LoopbackServer server;
     Echo echo(server);
-    const std::string binary("a\0b\0\xff", 5);
     server.Http().Get("/binary", [&](const httplib::Request&, httplib::Response& res) {
         res.set_content(binary, "application/octet-stream");
     });
@@ -147,8 +149,8 @@ TEST(HttpRequest, BodiesWithZeroBytesAndEmptyBodies) {
 }
 
 TEST(HttpRequest, ErrorStatusesAndRedirectsAreAnswers) {
-    LoopbackServer server;
     std::atomic<int> targetHits{0};
+    LoopbackServer server;
     server.Http().Get("/missing", [](const httplib::Request&, httplib::Response& res) {
         res.status = 404;
         res.set_content("no such page", "text/plain");
@@ -209,32 +211,40 @@ TEST(HttpRequest, FailuresKeepOrSetTheRightState) {
 }
 
 TEST(HttpRequest, TimeLimitInWholeSeconds) {
-    LoopbackServer server;
-    server.Http().Get("/slow", [&](const httplib::Request& req, httplib::Response& res) {
-        server.Nap(std::stoi(req.get_param_value("ms")));
-        res.set_content("late", "text/plain");
-    });
-    ASSERT_TRUE(server.Start());
-
+    // One server per part, so that the handler left napping by the timed-out request is ended
+    // before the next request comes.
+    auto slowServer = [](LoopbackServer& server) {
+        server.Http().Get("/slow", [&server](const httplib::Request& req, httplib::Response& res) {
+            server.Nap(std::stoi(req.get_param_value("ms")));
+            res.set_content("late", "text/plain");
+        });
+        return server.Start();
+    };
     CHttpClientCurl client;
     std::string response = "x";
-    client.SetTimeOutMax(1999); // one whole second
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(0, client.HttpGet(server.Url("/slow?ms=8000"), "", "", response));
-    EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, client.GetResultCode());
-    EXPECT_EQ("", response);
-    EXPECT_LT(SecondsSince(start), 6.0); // ended by the limit, not by the server
+    {
+        LoopbackServer server;
+        ASSERT_TRUE(slowServer(server));
+        client.SetTimeOutMax(1999); // one whole second
+        auto start = std::chrono::steady_clock::now();
+        EXPECT_EQ(0, client.HttpGet(server.Url("/slow?ms=8000"), "", "", response));
+        EXPECT_EQ(CURLE_OPERATION_TIMEDOUT, client.GetResultCode());
+        EXPECT_EQ("", response);
+        EXPECT_LT(SecondsSince(start), 6.0); // ended by the limit, not by the server
+    }
 
     // Below one second there is no limit on the transfer at all.
+    LoopbackServer server;
+    ASSERT_TRUE(slowServer(server));
     client.SetTimeOutMax(999);
     EXPECT_EQ(1, client.HttpGet(server.Url("/slow?ms=1300"), "", "", response));
     EXPECT_EQ("late", response);
 }
 
 TEST(HttpRequest, StopFromAnotherThreadEndsTheTransfer) {
-    LoopbackServer server;
     std::promise<void> streaming;
     std::atomic<bool> signalled{false};
+    LoopbackServer server;
     server.Http().Get("/stream", [&](const httplib::Request&, httplib::Response& res) {
         res.set_chunked_content_provider("application/octet-stream", [&](size_t, httplib::DataSink& sink) {
             std::string chunk(1024, 'z');

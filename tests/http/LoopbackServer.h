@@ -1,5 +1,6 @@
 // Real servers for the HTTP tests, all on 127.0.0.1: a cpp-httplib server (plain or TLS with a
 // certificate made for the test) run on a thread of its own, and a small forward proxy for plain HTTP.
+// Declare what the handlers use before the server: they may run until its destructor has stopped it.
 #pragma once
 
 #define CPPHTTPLIB_OPENSSL_SUPPORT

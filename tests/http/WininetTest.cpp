@@ -67,10 +67,10 @@ bool StartOnPort80(LoopbackServer& server) {
 } // namespace
 
 TEST(PlatformInet, CallsAgainstALoopbackServer) {
-    LoopbackServer server;
     std::mutex mutex;
     Seen seen;
     const std::string big = Pattern(5000);
+    LoopbackServer server;
     AddRoutes(server, mutex, seen, big);
     ASSERT_TRUE(server.Start());
 
@@ -148,10 +148,10 @@ TEST(PlatformInet, CallsAgainstALoopbackServer) {
 }
 
 TEST(HttpWininet, GetAndPostOnPort80) {
-    LoopbackServer server;
     std::mutex mutex;
     Seen seen;
     const std::string big = Pattern(4096 + 1000);
+    LoopbackServer server;
     AddRoutes(server, mutex, seen, big);
     if (!StartOnPort80(server))
         GTEST_SKIP() << "port 80 on 127.0.0.1 cannot be bound here (not root, or taken)";

@@ -307,3 +307,31 @@ TEST(PlatformFile, DeleteAndDirectories) {
     EXPECT_FALSE(Exists(dir / "link"));
     EXPECT_TRUE(Exists(target + "/keep"));
 }
+
+TEST(PlatformFile, SystemBuffersAreZeroedAndReleased) {
+    for (SIZE_T size : {SIZE_T(1), SIZE_T(4096), SIZE_T(5) << 20}) {
+        auto* bytes = static_cast<unsigned char*>(
+            VirtualAlloc(nullptr, size, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE));
+        ASSERT_NE(bytes, nullptr);
+        EXPECT_EQ(bytes[0], 0);
+        EXPECT_EQ(bytes[size - 1], 0);
+        bytes[size - 1] = 0xAB; // writable to the last byte
+        EXPECT_TRUE(VirtualFree(bytes, 0, MEM_RELEASE));
+    }
+    EXPECT_EQ(VirtualAlloc(nullptr, 0, MEM_COMMIT | MEM_RESERVE, PAGE_READWRITE), nullptr);
+    EXPECT_EQ(VirtualAlloc(nullptr, 16, MEM_COMMIT, PAGE_READWRITE), nullptr);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_FALSE(VirtualFree(nullptr, 0, MEM_RELEASE));
+}
+
+TEST(PlatformFile, PipesAreRefusedNotWaitedOn) {
+    zoth_test::TempDir dir;
+    std::string fifo = dir / "pipe";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0666), 0);
+    // Each of these would block for ever if the layer opened the pipe the ordinary way.
+    EXPECT_EQ(Open(fifo, OPEN_EXISTING, GENERIC_READ), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_ACCESS_DENIED);
+    EXPECT_EQ(Open(fifo, OPEN_ALWAYS), INVALID_HANDLE_VALUE);
+    EXPECT_FALSE(CopyFileA(fifo.c_str(), (dir / "copy").c_str(), TRUE));
+    EXPECT_FALSE(Exists(dir / "copy"));
+}

@@ -139,3 +139,15 @@ TEST(PlatformFind, EntriesMayBeDeletedDuringTheWalk) {
     EXPECT_EQ(seen.size(), static_cast<size_t>(count));
     EXPECT_EQ(Walk(dir / "*.*").size(), 2u); // only the dots remain
 }
+
+TEST(PlatformFind, TwoLeadingSeparatorsAreNoRootSearch) {
+    WIN32_FIND_DATAA data;
+    // What an empty folder name plus "//*.*" gives: refused, never a walk of "/".
+    EXPECT_EQ(FindFirstFileA("//*.*", &data), INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_BAD_NETPATH);
+    EXPECT_EQ(FindFirstFileA("///*.*", &data), INVALID_HANDLE_VALUE);
+    HANDLE search = FindFirstFileA("/*", &data); // one separator is the root, as usual
+    ASSERT_NE(search, INVALID_HANDLE_VALUE);
+    EXPECT_STREQ(data.cFileName, ".");
+    FindClose(search);
+}

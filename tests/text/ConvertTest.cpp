@@ -57,6 +57,17 @@ TEST(TextConvert, Utf8AndWideRoundTrip) {
         ASSERT_EQ(wide[i], static_cast<wchar_t>(ascii[i]));
     EXPECT_EQ(STRING_UTIL::Unicode2Utf8(wide), ascii);
 
+    // Accented text with ASCII stretches of every length between the 2-byte characters.
+    std::string latin;
+    std::wstring latinWide;
+    for (int i = 0; i < 60; ++i) {
+        latin += "\xC3\xA9" + std::string(i % 35, 'x');
+        latinWide += static_cast<wchar_t>(0xE9) + std::wstring(i % 35, L'x');
+    }
+    EXPECT_EQ(STRING_UTIL::Utf82Unicode(latin), latinWide);
+    EXPECT_EQ(STRING_UTIL::Unicode2Utf8(latinWide), latin);
+    EXPECT_EQ(STRING_UTIL::Utf82Unicode(latin + "\xC3"), latinWide + static_cast<wchar_t>(0xFFFD));
+
     // Invalid UTF-8 is replaced, not dropped and not fatal.
     EXPECT_EQ(STRING_UTIL::Utf82Unicode(std::string("a\xFF"
                                                     "b")),

@@ -17,9 +17,12 @@
 #include <windows.h>
 #else
 
+#include <cstddef>
+
 #define ERROR_INVALID_FUNCTION 1u
 #define ERROR_BAD_FORMAT 11u
 #define ERROR_GEN_FAILURE 31u
+#define ERROR_BAD_NETPATH 53u
 #define ERROR_HANDLE_EOF 38u
 #define ERROR_DISK_FULL 112u
 #define ERROR_INVALID_NAME 123u
@@ -31,10 +34,11 @@ typedef LONG* PLONG;
 typedef struct _OVERLAPPED OVERLAPPED, *LPOVERLAPPED; // never dereferenced: no overlapped I/O
 typedef const FILETIME* LPCFILETIME;
 
-// Opens or creates a file. `access` is GENERIC_READ and/or GENERIC_WRITE; `disposition` is one of
-// CREATE_NEW .. TRUNCATE_EXISTING; FILE_FLAG_BACKUP_SEMANTICS lets a directory open (for its times).
-// A file created with FILE_ATTRIBUTE_READONLY in `flags` gets no write permission.
-// INVALID_HANDLE_VALUE and the last error on failure.
+// Opens or creates a file. Pipes and sockets are refused (ERROR_ACCESS_DENIED) rather than waited on.
+// `access` is GENERIC_READ and/or GENERIC_WRITE; `disposition` is one of CREATE_NEW .. TRUNCATE_EXISTING;
+// FILE_FLAG_BACKUP_SEMANTICS lets a directory open (for its times). A file created with
+// FILE_ATTRIBUTE_READONLY in `flags` gets no write permission. INVALID_HANDLE_VALUE and the last error on
+// failure.
 ZOTH_API HANDLE CreateFileA(LPCSTR name, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES security,
                             DWORD disposition, DWORD flags, HANDLE templateFile);
 
@@ -75,7 +79,8 @@ ZOTH_API BOOL RemoveDirectoryA(LPCSTR name);
 // Starts a search for `pattern`: a folder, a separator and a name with the wildcards * and ?, matched
 // without regard to ASCII case; "*.*" matches every name. A folder delivers "." first and ".."
 // second, then its entries. Entries may be deleted while the search runs. Ends with
-// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the folder is missing.
+// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the folder is missing. A
+// pattern that starts with two separators (a network share on Windows) is ERROR_BAD_NETPATH.
 ZOTH_API HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data);
 // The next entry; FALSE with ERROR_NO_MORE_FILES after the last.
 ZOTH_API BOOL FindNextFileA(HANDLE search, LPWIN32_FIND_DATAA data);
@@ -83,5 +88,18 @@ ZOTH_API BOOL FindClose(HANDLE search);
 
 // UTC to local time, with the time zone's offset at that instant.
 ZOTH_API BOOL FileTimeToLocalFileTime(const FILETIME* utc, LPFILETIME local);
+
+#define MEM_COMMIT 0x00001000u
+#define MEM_RESERVE 0x00002000u
+#define MEM_RELEASE 0x00008000u
+#define PAGE_READWRITE 0x04u
+typedef size_t SIZE_T;
+
+// Zero-filled memory straight from the system, for buffers that hold a whole file: large ones are
+// backed by huge pages where the system offers them, so filling them costs few page faults. Only
+// MEM_COMMIT | MEM_RESERVE with PAGE_READWRITE at a system-chosen address is supported. Null on failure.
+ZOTH_API LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD protect);
+// Releases a whole block from VirtualAlloc (`size` 0, MEM_RELEASE).
+ZOTH_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type);
 
 #endif // _WIN32
