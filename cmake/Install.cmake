@@ -1,0 +1,59 @@
+# Installation and packaging: the shared library with its soname, the public headers, the zoth tool,
+# a CMake package (find_package(ZOTHCommon CONFIG) -> ZOTH::Common) and a pkg-config file.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(ZOTH_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/ZOTHCommon CACHE STRING
+    "Where the CMake package files are installed, relative to the prefix")
+set(ZOTH_INSTALL_PKGCONFIGDIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig CACHE STRING
+    "Where zoth-common.pc is installed, relative to the prefix")
+
+# The public headers hand std::string, std::atomic_ref users and the like across the boundary, so a
+# consumer compiles as C++20 too; the exported target carries that requirement.
+target_compile_features(ZOTHCommonDll INTERFACE cxx_std_20)
+# Installed, the target is ZOTH::Common, the same name as the alias in the build tree.
+set_target_properties(ZOTHCommonDll PROPERTIES EXPORT_NAME Common)
+
+install(TARGETS ZOTHCommonDll EXPORT ZOTHCommonTargets
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+# By folder, so every header a subsystem adds under include/zoth/ is installed without an edit here.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/zoth
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  FILES_MATCHING PATTERN "*.h")
+
+if(TARGET zoth)
+  # The tool finds the library beside it in the prefix, wherever the prefix is moved.
+  file(RELATIVE_PATH _zoth_bin_to_lib
+    ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
+  set_target_properties(zoth PROPERTIES INSTALL_RPATH "$ORIGIN/${_zoth_bin_to_lib}")
+  install(TARGETS zoth RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+endif()
+
+install(EXPORT ZOTHCommonTargets
+  NAMESPACE ZOTH::
+  FILE ZOTHCommonTargets.cmake
+  DESTINATION ${ZOTH_INSTALL_CMAKEDIR})
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/ZOTHCommonConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/ZOTHCommonConfig.cmake
+  INSTALL_DESTINATION ${ZOTH_INSTALL_CMAKEDIR})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/ZOTHCommonConfigVersion.cmake
+  VERSION ${PROJECT_VERSION}
+  COMPATIBILITY SameMajorVersion)
+install(FILES
+  ${PROJECT_BINARY_DIR}/ZOTHCommonConfig.cmake
+  ${PROJECT_BINARY_DIR}/ZOTHCommonConfigVersion.cmake
+  DESTINATION ${ZOTH_INSTALL_CMAKEDIR})
+
+# pkg-config paths are written relative to ${prefix}, so the file stays right in a moved prefix.
+file(RELATIVE_PATH ZOTH_PC_LIBDIR_FROM_PCDIR
+  ${CMAKE_INSTALL_PREFIX}/${ZOTH_INSTALL_PKGCONFIGDIR} ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" ZOTH_PC_LIBDIR_FROM_PCDIR "${ZOTH_PC_LIBDIR_FROM_PCDIR}")
+set(ZOTH_PC_LIBDIR ${CMAKE_INSTALL_LIBDIR})
+set(ZOTH_PC_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR})
+configure_file(${CMAKE_CURRENT_LIST_DIR}/zoth-common.pc.in ${PROJECT_BINARY_DIR}/zoth-common.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/zoth-common.pc DESTINATION ${ZOTH_INSTALL_PKGCONFIGDIR})
