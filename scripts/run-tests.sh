@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs every suite: the fuzz targets for a short bounded time, then the test suites in the
-# release, ASan+UBSan and ThreadSanitizer builds. Stops at the first failure.
+# Builds and runs every suite: the fuzz targets for a short bounded time, the release tests, the
+# installed package with the examples built against it, the Windows syntax check, then the ASan+UBSan
+# and ThreadSanitizer builds. Stops at the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,5 +16,9 @@ run_preset() {
 
 run_preset fuzz
 run_preset release
+echo "=== package: install into a fresh prefix, build and run the examples against it"
+bash scripts/check-package.sh build/release
+echo "=== windows: syntax check of the library against <windows.h> (mingw-w64)"
+bash scripts/check-windows.sh
 run_preset debug-asan
 run_preset tsan

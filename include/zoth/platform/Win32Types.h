@@ -6,6 +6,7 @@
 #include "zoth/platform/ZothExport.h"
 
 #if defined(_WIN32)
+#include <winsock2.h> // before <windows.h>, as libcurl's headers expect
 #include <windows.h>
 #else
 #include <climits>
