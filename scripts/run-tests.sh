@@ -14,6 +14,9 @@ run_preset() {
   ctest --preset "$preset"
 }
 
+echo "=== format: every source as .clang-format wants it"
+git ls-files '*.cpp' '*.h' | xargs clang-format --dry-run --Werror
+
 run_preset fuzz
 run_preset release
 echo "=== package: install into a fresh prefix, build and run the examples against it"

@@ -31,4 +31,3 @@
 #include "zoth/file/CPathHelper.h"
 
 #include "zoth/http/CHttpClientCurl.h"
-
