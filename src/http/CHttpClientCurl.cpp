@@ -112,6 +112,23 @@ bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::strin
            (proxy.empty() || SetCurlOption(c, r, CURLOPT_PROXY, proxy.c_str()));
 }
 
+bool CHttpClientCurl::SetFetchOptions(const std::string& url) {
+    CURL* c = m_pCurl;
+    CURLcode& r = m_resultCode;
+    const bool set =
+        SetCurlOption(c, r, CURLOPT_URL, url.c_str()) && SetCurlOption(c, r, CURLOPT_FILETIME, 1L) &&
+        SetCurlOption(c, r, CURLOPT_NOSIGNAL, 1L) && SetCurlOption(c, r, CURLOPT_NOPROGRESS, 0L) &&
+        SetCurlOption(c, r, CURLOPT_PROGRESSFUNCTION, &CurlProgressCallback) &&
+        SetCurlOption(c, r, CURLOPT_PROGRESSDATA, static_cast<void*>(this)) &&
+        SetCurlOption(c, r, CURLOPT_WRITEFUNCTION, &CurlWriteCallback) &&
+        SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
+        SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
+        SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
+        SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) && SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
+        SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L);
+    return set;
+}
+
 int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy,
                                     std::string postData, std::string& response) {
     if (InitCurl() == 0) return 0;

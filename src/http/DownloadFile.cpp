@@ -4,32 +4,14 @@
 #include "zoth/http/CHttpClientCurl.h"
 #include "zoth/platform/Win32Path.h"
 
-#include "http/CurlOption.h"
-
 namespace ZOTH {
-
-using http::SetCurlOption;
 
 int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::string) {
     if (InitCurl() == 0) return 0;
     if (url.empty() || filePath.empty()) return 0;
     BeginTransfer();
 
-    CURL* c = m_pCurl;
-    CURLcode& r = m_resultCode;
-    // A fixed limit of 1000 s; no custom headers, proxy or encoding, unlike a request.
-    const bool set =
-        SetCurlOption(c, r, CURLOPT_URL, url.c_str()) && SetCurlOption(c, r, CURLOPT_FILETIME, 1L) &&
-        SetCurlOption(c, r, CURLOPT_NOSIGNAL, 1L) && SetCurlOption(c, r, CURLOPT_NOPROGRESS, 0L) &&
-        SetCurlOption(c, r, CURLOPT_PROGRESSFUNCTION, &CurlProgressCallback) &&
-        SetCurlOption(c, r, CURLOPT_PROGRESSDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_WRITEFUNCTION, &CurlWriteCallback) &&
-        SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
-        SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) && SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
-        SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L);
-    if (!set) return 0;
+    if (!SetFetchOptions(url)) return 0;
 
     m_resultCode = curl_easy_perform(m_pCurl);
     if (m_resultCode != CURLE_OK) return 0;

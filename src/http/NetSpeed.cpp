@@ -2,32 +2,14 @@
 #define CURL_DISABLE_DEPRECATION // the progress callback
 #include "zoth/http/CHttpClientCurl.h"
 
-#include "http/CurlOption.h"
-
 namespace ZOTH {
-
-using http::SetCurlOption;
 
 int CHttpClientCurl::TestNetSpeed(std::string url, int seconds) {
     if (InitCurl() == 0) return 0;
     if (url.empty() || seconds <= 0) return 0;
     BeginTransfer();
 
-    CURL* c = m_pCurl;
-    CURLcode& r = m_resultCode;
-    // The transfer limit is a fixed 1000 s; `seconds` is enforced by the write callback.
-    const bool set =
-        SetCurlOption(c, r, CURLOPT_URL, url.c_str()) && SetCurlOption(c, r, CURLOPT_FILETIME, 1L) &&
-        SetCurlOption(c, r, CURLOPT_NOSIGNAL, 1L) && SetCurlOption(c, r, CURLOPT_NOPROGRESS, 0L) &&
-        SetCurlOption(c, r, CURLOPT_PROGRESSFUNCTION, &CurlProgressCallback) &&
-        SetCurlOption(c, r, CURLOPT_PROGRESSDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_WRITEFUNCTION, &CurlWriteCallback) &&
-        SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
-        SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) && SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
-        SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L);
-    if (!set) return 0;
+    if (!SetFetchOptions(url)) return 0;
 
     // The probe counts from 0 so that bytes of earlier transfers do not enter its speed.
     m_dwTotalSize = 0;

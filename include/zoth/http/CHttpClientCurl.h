@@ -105,6 +105,9 @@ public:
 private:
     // Options shared by requests and uploads, in their fixed order. false when one failed.
     bool SetRequestOptions(const std::string& url, const std::string& proxy);
+    // The option table shared by a download and a speed probe: progress callback on, a fixed
+    // limit of 1000 s, no custom headers, proxy or encoding. False at the first option that fails.
+    bool SetFetchOptions(const std::string& url);
     // Empties what the previous transfer received.
     void BeginTransfer();
     // Makes room for the whole body once its length is announced.
