@@ -16,6 +16,18 @@ namespace {
 const std::string kSeparator = ZOTH_PATH_SEPARATOR_TEXT;
 const std::string kListSeparator = "//";
 
+// The walks read only names and the directory bit: ask the search for nothing more.
+const DWORD kNameAndType = FIND_FIRST_EX_LARGE_FETCH | FIND_FIRST_EX_NAME_AND_TYPE;
+
+// prefix + name with one allocation: `prefix + name` would copy the prefix and then regrow.
+std::string Join(const std::string& prefix, const char* name) {
+    size_t length = std::strlen(name);
+    std::string path;
+    path.reserve(prefix.size() + length);
+    path.append(prefix).append(name, length);
+    return path;
+}
+
 enum class Keep { Files, Directories, Everything };
 
 // The shared walk of the four listings: calls `add(name)` for every entry that counts.
@@ -24,7 +36,8 @@ void Walk(const std::string& folder, const std::string& pattern, Keep keep, cons
           Add add) {
     if (!PathFileExistsA(folder.c_str())) return;
     _WIN32_FIND_DATAA entry;
-    HANDLE search = FindFirstFileA(pattern.c_str(), &entry);
+    HANDLE search = FindFirstFileExA(pattern.c_str(), FindExInfoBasic, &entry, FindExSearchNameMatch, nullptr,
+                                     kNameAndType);
     if (search == INVALID_HANDLE_VALUE) return;
     while (FindNextFileA(search, &entry)) {
         bool directory = (entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
@@ -55,7 +68,7 @@ int CPathHelper::IsDot(const _WIN32_FIND_DATAA& entry) {
 std::map<std::string, std::string> CPathHelper::GetLocalFileMap(std::string folder, std::string filter) {
     std::map<std::string, std::string> result;
     Walk(folder, folder + kSeparator + "*.*", Keep::Files, filter,
-         [&](const char* name) { result[name] = folder + kSeparator + name; });
+         [&](const char* name) { result[name] = Join(folder + kSeparator, name); });
     return result;
 }
 
@@ -63,7 +76,7 @@ std::map<std::string, std::string> CPathHelper::GetLocalFileMap(std::string fold
 std::map<std::string, std::string> CPathHelper::GetLocalDirMap(std::string folder) {
     std::map<std::string, std::string> result;
     Walk(folder, folder + kSeparator + "*.*", Keep::Directories, "",
-         [&](const char* name) { result[name] = folder + kSeparator + name; });
+         [&](const char* name) { result[name] = Join(folder + kSeparator, name); });
     return result;
 }
 
@@ -72,7 +85,7 @@ std::vector<std::string> CPathHelper::GetLocalFileList(std::string folder, std::
     std::vector<std::string> result;
     std::string prefix = folder + kListSeparator;
     Walk(folder, prefix + "*.*", Keep::Files, filter,
-         [&](const char* name) { result.push_back(prefix + name); });
+         [&](const char* name) { result.push_back(Join(prefix, name)); });
     return result;
 }
 
@@ -81,7 +94,7 @@ std::vector<std::string> CPathHelper::GetLocalDirList(std::string folder) {
     std::vector<std::string> result;
     std::string prefix = folder + kListSeparator;
     Walk(folder, prefix + "*.*", Keep::Everything, "",
-         [&](const char* name) { result.push_back(prefix + name); });
+         [&](const char* name) { result.push_back(Join(prefix, name)); });
     return result;
 }
 
@@ -89,7 +102,8 @@ std::vector<std::string> CPathHelper::GetLocalDirList(std::string folder) {
 // of `folder` started.
 int CPathHelper::DeleteFilesFromDirectory(std::string folder) {
     _WIN32_FIND_DATAA entry;
-    HANDLE search = FindFirstFileA((folder + kListSeparator + "*.*").c_str(), &entry);
+    HANDLE search = FindFirstFileExA((folder + kListSeparator + "*.*").c_str(), FindExInfoBasic, &entry,
+                                     FindExSearchNameMatch, nullptr, kNameAndType);
     if (search == INVALID_HANDLE_VALUE) return 0;
     while (FindNextFileA(search, &entry)) {
         if (IsDot(entry)) continue;
@@ -106,7 +120,8 @@ int CPathHelper::DeleteFilesFromDirectory(std::string folder) {
 // Deletes the tree depth first, the folder itself last. 1 only if the folder itself was removed.
 int CPathHelper::DeleteDirectory(std::string folder) {
     _WIN32_FIND_DATAA entry;
-    HANDLE search = FindFirstFileA((folder + kListSeparator + "*.*").c_str(), &entry);
+    HANDLE search = FindFirstFileExA((folder + kListSeparator + "*.*").c_str(), FindExInfoBasic, &entry,
+                                     FindExSearchNameMatch, nullptr, kNameAndType);
     if (search == INVALID_HANDLE_VALUE) return 0;
     while (FindNextFileA(search, &entry)) {
         if (IsDot(entry)) continue;

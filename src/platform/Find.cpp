@@ -8,7 +8,9 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <string>
+#include <typeinfo>
 
 namespace {
 
@@ -16,13 +18,15 @@ using namespace ZOTH::platform;
 
 constexpr DWORD kReparseTagSymlink = 0xA000000Cu;
 
-struct FindObject : KernelObject {
+struct FindObject final : KernelObject {
     ~FindObject() override {
         if (dir != nullptr) ::closedir(dir);
     }
     DIR* dir = nullptr;
     std::string pattern; // the name part, with wildcards
     int dotsDelivered = 0;
+    bool matchAll = false;    // "*" or "*.*": every name, no matching needed
+    bool nameAndType = false; // FIND_FIRST_EX_NAME_AND_TYPE: describe entries from their dirent
 };
 
 char Lower(char c) {
@@ -61,6 +65,13 @@ bool Matches(const std::string& pattern, const char* name) {
            WildMatch(pattern.substr(0, n - 2).c_str(), name);
 }
 
+// Copies a name with its terminator, cut to the record's size; no padding of the rest.
+void CopyName(WIN32_FIND_DATAA* data, const char* name) {
+    size_t length = std::min(std::strlen(name), sizeof data->cFileName - 1);
+    std::memcpy(data->cFileName, name, length);
+    data->cFileName[length] = '\0';
+}
+
 // Describes `name` inside the folder `dirFd`; false when the entry has gone meanwhile.
 bool Describe(int dirFd, const char* name, WIN32_FIND_DATAA* data) {
     struct statx sx;
@@ -77,8 +88,42 @@ bool Describe(int dirFd, const char* name, WIN32_FIND_DATAA* data) {
     uint64_t size = S_ISDIR(st.st_mode) ? 0 : sx.stx_size;
     data->nFileSizeHigh = static_cast<DWORD>(size >> 32);
     data->nFileSizeLow = static_cast<DWORD>(size);
-    std::strncpy(data->cFileName, name, sizeof data->cFileName - 1);
+    CopyName(data, name);
     return true;
+}
+
+// Name and type only, from the directory entry: no status call. False when the entry does not tell
+// its type, so the caller describes it in full.
+bool DescribeFromEntry(const struct dirent* entry, WIN32_FIND_DATAA* data) {
+    DWORD attributes;
+    switch (entry->d_type) {
+    case DT_DIR:
+        attributes = FILE_ATTRIBUTE_DIRECTORY;
+        break;
+    case DT_LNK:
+        attributes = FILE_ATTRIBUTE_REPARSE_POINT;
+        break;
+    case DT_UNKNOWN:
+        return false;
+    default:
+        attributes = FILE_ATTRIBUTE_NORMAL;
+    }
+    data->dwFileAttributes = attributes;
+    data->ftCreationTime = data->ftLastAccessTime = data->ftLastWriteTime = FILETIME{0, 0};
+    data->nFileSizeHigh = data->nFileSizeLow = 0;
+    data->dwReserved0 = entry->d_type == DT_LNK ? kReparseTagSymlink : 0;
+    data->dwReserved1 = 0;
+    data->cAlternateFileName[0] = '\0';
+    CopyName(data, entry->d_name);
+    return true;
+}
+
+// The search behind a handle, or null for any other kind of handle. An exact type test: FindObject
+// has no subclasses, and this is cheaper than a dynamic_cast on every entry.
+FindObject* AsSearch(HANDLE handle) {
+    KernelObject* object = ObjectOf(handle);
+    return object != nullptr && typeid(*object) == typeid(FindObject) ? static_cast<FindObject*>(object)
+                                                                      : nullptr;
 }
 
 // The next matching entry of the search; false at the end.
@@ -95,7 +140,8 @@ bool Advance(FindObject* search, WIN32_FIND_DATAA* data) {
         if (entry == nullptr) return false;
         const char* name = entry->d_name;
         if (std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0) continue;
-        if (!Matches(search->pattern, name)) continue;
+        if (!search->matchAll && !Matches(search->pattern, name)) continue;
+        if (search->nameAndType && DescribeFromEntry(entry, data)) return true;
         if (Describe(fd, name, data)) return true;
     }
 }
@@ -103,7 +149,15 @@ bool Advance(FindObject* search, WIN32_FIND_DATAA* data) {
 } // namespace
 
 HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data) {
-    if (pattern == nullptr || data == nullptr) {
+    return FindFirstFileExA(pattern, FindExInfoStandard, data, FindExSearchNameMatch, nullptr, 0);
+}
+
+HANDLE FindFirstFileExA(LPCSTR pattern, FINDEX_INFO_LEVELS level, LPVOID output, FINDEX_SEARCH_OPS op,
+                        LPVOID filter, DWORD flags) {
+    auto* data = static_cast<LPWIN32_FIND_DATAA>(output);
+    const DWORD known = FIND_FIRST_EX_LARGE_FETCH | FIND_FIRST_EX_NAME_AND_TYPE;
+    if (pattern == nullptr || data == nullptr || (level != FindExInfoStandard && level != FindExInfoBasic) ||
+        op != FindExSearchNameMatch || filter != nullptr || (flags & ~known) != 0) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
     }
@@ -133,6 +187,8 @@ HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data) {
         return INVALID_HANDLE_VALUE;
     }
     search->pattern = name;
+    search->matchAll = name == "*" || name == "*.*";
+    search->nameAndType = (flags & FIND_FIRST_EX_NAME_AND_TYPE) != 0;
     if (name.find_first_of("*?") == std::string::npos) {
         // A plain name finds just that entry.
         search->dotsDelivered = 2;
@@ -155,7 +211,7 @@ HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data) {
 }
 
 BOOL FindNextFileA(HANDLE handle, LPWIN32_FIND_DATAA data) {
-    auto* search = dynamic_cast<FindObject*>(ObjectOf(handle));
+    auto* search = AsSearch(handle);
     if (search == nullptr || data == nullptr) {
         SetLastError(search == nullptr ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
         return FALSE;
@@ -168,7 +224,7 @@ BOOL FindNextFileA(HANDLE handle, LPWIN32_FIND_DATAA data) {
 }
 
 BOOL FindClose(HANDLE handle) {
-    auto* search = dynamic_cast<FindObject*>(ObjectOf(handle));
+    auto* search = AsSearch(handle);
     if (search == nullptr) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;

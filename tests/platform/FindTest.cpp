@@ -151,3 +151,49 @@ TEST(PlatformFind, TwoLeadingSeparatorsAreNoRootSearch) {
     EXPECT_STREQ(data.cFileName, ".");
     FindClose(search);
 }
+
+// The name-and-type search delivers the same entries, in the same order, with the same directory and
+// link bits as the full one; only times, sizes and read-only are left out.
+TEST(PlatformFind, NameAndTypeSearchAgreesWithTheFullOne) {
+    zoth_test::TempDir dir, outside;
+    std::ofstream(dir / "a.txt") << "abc";
+    std::ofstream(dir / "readonly.txt") << "x";
+    ASSERT_EQ(::chmod((dir / "readonly.txt").c_str(), 0444), 0);
+    ASSERT_EQ(::mkdir((dir / "sub").c_str(), 0755), 0);
+    ASSERT_EQ(::symlink(outside.Path().c_str(), (dir / "dirlink").c_str()), 0);
+
+    auto walk = [](HANDLE search, WIN32_FIND_DATAA& data) {
+        std::vector<Entry> out;
+        if (search == INVALID_HANDLE_VALUE) return out;
+        do {
+            out.push_back({data.cFileName, data.dwFileAttributes});
+        } while (FindNextFileA(search, &data));
+        FindClose(search);
+        return out;
+    };
+    std::string pattern = dir / "*.*";
+    WIN32_FIND_DATAA data;
+    std::vector<Entry> full = walk(FindFirstFileA(pattern.c_str(), &data), data);
+    std::vector<Entry> quick =
+        walk(FindFirstFileExA(pattern.c_str(), FindExInfoBasic, &data, FindExSearchNameMatch, nullptr,
+                              FIND_FIRST_EX_LARGE_FETCH | FIND_FIRST_EX_NAME_AND_TYPE),
+             data);
+    ASSERT_EQ(full.size(), 6u);
+    ASSERT_EQ(quick.size(), full.size());
+    const DWORD typeBits = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
+    for (size_t i = 0; i < full.size(); ++i) {
+        EXPECT_EQ(quick[i].name, full[i].name);
+        EXPECT_EQ(quick[i].attributes & typeBits, full[i].attributes & typeBits) << full[i].name;
+        if (full[i].name == "readonly.txt") {
+            EXPECT_TRUE(full[i].attributes & FILE_ATTRIBUTE_READONLY);
+        }
+    }
+
+    EXPECT_EQ(
+        FindFirstFileExA(pattern.c_str(), FindExInfoMaxInfoLevel, &data, FindExSearchNameMatch, nullptr, 0),
+        INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(FindFirstFileExA(pattern.c_str(), FindExInfoBasic, &data, FindExSearchNameMatch, nullptr, 0x4u),
+              INVALID_HANDLE_VALUE);
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
+}
