@@ -8,6 +8,7 @@
 #include <httplib.h>
 #include <openssl/evp.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -57,6 +58,7 @@ int RunPut(const Args& args) {
 // A one-line bar on stderr, redrawn at most every 100 ms and when the count is complete.
 class ProgressBar {
 public:
+    explicit ProgressBar(const char* unit = "bytes") : m_unit(unit) {}
     void operator()(double total, double now) {
         auto t = std::chrono::steady_clock::now();
         const bool complete = total > 0 && now >= total;
@@ -65,11 +67,12 @@ public:
         m_lastNow = now;
         const int width = 40;
         if (total > 0) {
+            now = std::min(now, total);
             int filled = static_cast<int>(width * now / total);
-            std::fprintf(stderr, "\r[%-*s] %5.1f%% %.0f/%.0f bytes", width, std::string(filled, '#').c_str(),
-                         100.0 * now / total, now, total);
+            std::fprintf(stderr, "\r[%-*s] %5.1f%% %.0f/%.0f %s", width, std::string(filled, '#').c_str(),
+                         100.0 * now / total, now, total, m_unit);
         } else {
-            std::fprintf(stderr, "\r%.0f bytes", now);
+            std::fprintf(stderr, "\r%.0f %s", now, m_unit);
         }
         m_drawn = true;
     }
@@ -80,6 +83,7 @@ public:
     }
 
 private:
+    const char* m_unit;
     std::chrono::steady_clock::time_point m_last{};
     double m_lastNow = -1;
     bool m_drawn = false;
@@ -116,7 +120,17 @@ int RunSpeed(const Args& args) {
     if (end == args[1].c_str() || *end != '\0' || seconds <= 0 || seconds > 3600)
         return Fail("SECONDS must be a whole number from 1 to 3600");
     CHttpClientCurl client;
+    // On a terminal the bar shows the probe's time running out.
+    ProgressBar bar("ms");
+    const auto start = std::chrono::steady_clock::now();
+    if (isatty(STDOUT_FILENO))
+        client.SetProgressObserver([&](double, double) {
+            auto elapsed =
+                std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start);
+            bar(seconds * 1000.0, elapsed.count());
+        });
     client.TestNetSpeed(args[0], static_cast<int>(seconds));
+    bar.Finish();
     const CURLcode code = client.GetResultCode();
     // The limit ends a probe of a long stream with a write error: that is its ordinary end.
     if (code != CURLE_OK && code != CURLE_WRITE_ERROR) return TransferFailed("speed probe", client);
