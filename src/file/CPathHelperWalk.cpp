@@ -98,41 +98,36 @@ std::vector<std::string> CPathHelper::GetLocalDirList(std::string folder) {
     return result;
 }
 
-// Deletes the files of the tree depth first, passing over what cannot be deleted. 1 if the search
-// of `folder` started.
-int CPathHelper::DeleteFilesFromDirectory(std::string folder) {
+// The depth-first deletion behind DeleteFilesFromDirectory (folders kept) and DeleteDirectory
+// (`removeFolders`: each emptied subfolder removed after its walk). Failures are passed over. False
+// when the search of `folder` did not start.
+bool CPathHelper::DeleteTree(const std::string& folder, bool removeFolders) {
     _WIN32_FIND_DATAA entry;
     HANDLE search = FindFirstFileExA((folder + kListSeparator + "*.*").c_str(), FindExInfoBasic, &entry,
                                      FindExSearchNameMatch, nullptr, kNameAndType);
-    if (search == INVALID_HANDLE_VALUE) return 0;
+    if (search == INVALID_HANDLE_VALUE) return false;
+    std::string prefix = folder + kSeparator;
     while (FindNextFileA(search, &entry)) {
         if (IsDot(entry)) continue;
-        std::string path = folder + kSeparator + entry.cFileName;
-        if (IsDirectory(entry))
-            DeleteFilesFromDirectory(path);
-        else
-            DeleteFileA(path.c_str());
+        std::string path = Join(prefix, entry.cFileName);
+        if (!IsDirectory(entry))
+            DeleteFoundFileA(search, path.c_str(), entry.cFileName);
+        else if (DeleteTree(path, removeFolders) && removeFolders)
+            RemoveDirectoryA(path.c_str());
     }
     FindClose(search);
-    return 1;
+    return true;
+}
+
+// Deletes the files of the tree depth first, passing over what cannot be deleted. 1 if the search
+// of `folder` started.
+int CPathHelper::DeleteFilesFromDirectory(std::string folder) {
+    return DeleteTree(folder, false) ? 1 : 0;
 }
 
 // Deletes the tree depth first, the folder itself last. 1 only if the folder itself was removed.
 int CPathHelper::DeleteDirectory(std::string folder) {
-    _WIN32_FIND_DATAA entry;
-    HANDLE search = FindFirstFileExA((folder + kListSeparator + "*.*").c_str(), FindExInfoBasic, &entry,
-                                     FindExSearchNameMatch, nullptr, kNameAndType);
-    if (search == INVALID_HANDLE_VALUE) return 0;
-    while (FindNextFileA(search, &entry)) {
-        if (IsDot(entry)) continue;
-        std::string path = folder + kSeparator + entry.cFileName;
-        if (IsDirectory(entry))
-            DeleteDirectory(path);
-        else
-            DeleteFileA(path.c_str());
-    }
-    FindClose(search);
-    return RemoveDirectoryA(folder.c_str()) ? 1 : 0;
+    return DeleteTree(folder, true) && RemoveDirectoryA(folder.c_str()) ? 1 : 0;
 }
 
 } // namespace ZOTH

@@ -93,6 +93,25 @@ DWORD AttributesOf(const struct stat& st) {
     return attributes == 0 ? FILE_ATTRIBUTE_NORMAL : attributes;
 }
 
+// The status check is made at the same place as the unlink (the same folder descriptor), so a walk
+// that deletes by name inside an open folder never follows a path that changed meanwhile.
+BOOL DeleteFileAt(int dirFd, const char* name) {
+    struct stat st;
+    if (::fstatat(dirFd, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    if (S_ISDIR(st.st_mode) || IsReadOnlyMode(st.st_mode)) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    }
+    if (::unlinkat(dirFd, name, 0) != 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    return TRUE;
+}
+
 } // namespace ZOTH::platform
 
 using namespace ZOTH::platform;
@@ -397,20 +416,7 @@ BOOL DeleteFileA(LPCSTR name) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    struct stat st;
-    if (::lstat(name, &st) != 0) {
-        SetLastErrorFromErrno(errno);
-        return FALSE;
-    }
-    if (S_ISDIR(st.st_mode) || IsReadOnlyMode(st.st_mode)) {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return FALSE;
-    }
-    if (::unlink(name) != 0) {
-        SetLastErrorFromErrno(errno);
-        return FALSE;
-    }
-    return TRUE;
+    return ZOTH::platform::DeleteFileAt(AT_FDCWD, name);
 }
 
 BOOL CreateDirectoryA(LPCSTR name, LPSECURITY_ATTRIBUTES) {

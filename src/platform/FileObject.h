@@ -31,6 +31,9 @@ FILETIME FileTimeFromUnix(int64_t seconds, int64_t nanoseconds);
 // The Win32 attributes of an entry as lstat describes it (links are not followed).
 DWORD AttributesOf(const struct stat& st);
 
+// DeleteFileA for `name` relative to the folder `dirFd` (AT_FDCWD: the working folder).
+BOOL DeleteFileAt(int dirFd, const char* name);
+
 // True when nobody may write the file: the layer's read-only attribute.
 inline bool IsReadOnlyMode(mode_t mode) {
     return !S_ISLNK(mode) && !S_ISDIR(mode) && (mode & 0222) == 0;

@@ -223,6 +223,24 @@ BOOL FindNextFileA(HANDLE handle, LPWIN32_FIND_DATAA data) {
     return TRUE;
 }
 
+BOOL DeleteFoundFileA(HANDLE handle, LPCSTR path, LPCSTR name) {
+    auto* search = AsSearch(handle);
+    if (search == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    if (path == nullptr || name == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    // Only a plain entry name can be taken relative to the open folder; anything else, or a search
+    // that holds no folder (a plain-name search), goes by the full path.
+    bool plain = name[0] != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
+                 std::strcmp(name, "..") != 0;
+    if (search->dir == nullptr || !plain) return DeleteFileA(path);
+    return DeleteFileAt(::dirfd(search->dir), name);
+}
+
 BOOL FindClose(HANDLE handle) {
     auto* search = AsSearch(handle);
     if (search == nullptr) {

@@ -197,3 +197,51 @@ TEST(PlatformFind, NameAndTypeSearchAgreesWithTheFullOne) {
               INVALID_HANDLE_VALUE);
     EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
 }
+
+// Deleting what a search delivers: DeleteFileA's rules, taken inside the folder the search opened.
+// Once the folder's path has been moved away and replaced by a link elsewhere, the deletion still
+// lands in the folder being walked, never behind the link.
+TEST(PlatformFind, DeleteFoundFileStaysInTheSearchedFolder) {
+    zoth_test::TempDir root;
+    std::string walked = root / "walked", moved = root / "moved", elsewhere = root / "elsewhere";
+    ASSERT_EQ(::mkdir(walked.c_str(), 0755), 0);
+    ASSERT_EQ(::mkdir(elsewhere.c_str(), 0755), 0);
+    for (const char* name : {"a.txt", "b.txt"}) {
+        std::ofstream(walked + "/" + name) << "in the tree";
+        std::ofstream(elsewhere + "/" + name) << "must survive";
+    }
+    std::ofstream(walked + "/readonly.txt") << "x";
+    ASSERT_EQ(::chmod((walked + "/readonly.txt").c_str(), 0444), 0);
+    ASSERT_EQ(::mkdir((walked + "/sub").c_str(), 0755), 0);
+
+    WIN32_FIND_DATAA data;
+    HANDLE search = FindFirstFileExA((walked + "/*.*").c_str(), FindExInfoBasic, &data, FindExSearchNameMatch,
+                                     nullptr, FIND_FIRST_EX_NAME_AND_TYPE);
+    ASSERT_NE(search, INVALID_HANDLE_VALUE);
+    ASSERT_EQ(::rename(walked.c_str(), moved.c_str()), 0);
+    ASSERT_EQ(::symlink(elsewhere.c_str(), walked.c_str()), 0);
+
+    std::set<std::string> deleted, refused;
+    while (FindNextFileA(search, &data)) {
+        std::string name = data.cFileName;
+        if (name == "." || name == "..") continue;
+        if (DeleteFoundFileA(search, (walked + "/" + name).c_str(), data.cFileName))
+            deleted.insert(name);
+        else
+            refused.insert(name + ":" + std::to_string(GetLastError()));
+    }
+    EXPECT_EQ(deleted, (std::set<std::string>{"a.txt", "b.txt"}));
+    EXPECT_EQ(refused, (std::set<std::string>{"readonly.txt:" + std::to_string(ERROR_ACCESS_DENIED),
+                                              "sub:" + std::to_string(ERROR_ACCESS_DENIED)}));
+    EXPECT_EQ(Names(Walk(moved + "/*.*")), (std::set<std::string>{".", "..", "readonly.txt", "sub"}));
+    EXPECT_EQ(Names(Walk(elsewhere + "/*.*")), (std::set<std::string>{".", "..", "a.txt", "b.txt"}));
+
+    // A name that is no plain entry goes by the full path; a handle that is no search is refused.
+    std::ofstream(elsewhere + "/c.txt") << "";
+    EXPECT_TRUE(DeleteFoundFileA(search, (elsewhere + "/c.txt").c_str(), "../elsewhere/c.txt"));
+    EXPECT_FALSE(::access((elsewhere + "/c.txt").c_str(), F_OK) == 0);
+    EXPECT_TRUE(FindClose(search));
+    EXPECT_FALSE(DeleteFoundFileA(INVALID_HANDLE_VALUE, (elsewhere + "/a.txt").c_str(), "a.txt"));
+    EXPECT_EQ(GetLastError(), ERROR_INVALID_HANDLE);
+    EXPECT_EQ(::access((elsewhere + "/a.txt").c_str(), F_OK), 0);
+}

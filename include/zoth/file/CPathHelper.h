@@ -50,6 +50,7 @@ public:
 private:
     static int IsDirectory(const _WIN32_FIND_DATAA& entry);
     static int IsDot(const _WIN32_FIND_DATAA& entry);
+    static bool DeleteTree(const std::string& folder, bool removeFolders);
 };
 
 } // namespace ZOTH
