@@ -98,9 +98,7 @@ TEST(PlatformFile, ReadWriteSeekAndSize) {
     EXPECT_EQ(sizeHigh, 1u);
     CloseHandle(h);
     EXPECT_FAILS_WITH(ReadFile(nullptr, buf, 1, &n, nullptr), FALSE, ERROR_INVALID_HANDLE);
-    EXPECT_FALSE(WriteFile(INVALID_HANDLE_VALUE, "x", 1, &n, nullptr));
     EXPECT_FAILS_WITH(GetFileSize(nullptr, nullptr), INVALID_FILE_SIZE, ERROR_INVALID_HANDLE);
-    EXPECT_EQ(SetFilePointer(nullptr, 0, nullptr, FILE_BEGIN), INVALID_SET_FILE_POINTER);
 }
 
 // A file nobody may write refuses write access and deletion whoever asks, root included.
@@ -138,7 +136,6 @@ TEST(PlatformFile, TimesOfFilesAndOfFoldersOpenedWithBackupSemantics) {
     EXPECT_EQ(Ticks(w), unix(1000000000) + kTicksPerSecond / 2);
     EXPECT_EQ(Ticks(a), unix(1000000000 + 172800));
     EXPECT_GT(Ticks(c), unix(1700000000)); // created just now
-    EXPECT_TRUE(GetFileTime(h, nullptr, nullptr, nullptr));
     CloseHandle(h);
     EXPECT_FALSE(GetFileTime(nullptr, &c, &a, &w));
     EXPECT_FAILS_WITH(Open(dir.Path(), OPEN_EXISTING, GENERIC_READ, 0), INVALID_HANDLE_VALUE,

@@ -57,14 +57,16 @@ TEST(PlatformFind, DotsFirstThenEntriesWithAttributes) {
     ASSERT_EQ(::chmod((dir / "ro").c_str(), 0444), 0);
     ASSERT_EQ(::symlink(outside.Path().c_str(), (dir / "dirlink").c_str()), 0);
     ASSERT_EQ(::symlink((dir / "gone").c_str(), (dir / "dangling").c_str()), 0);
-    const Attributes expected = {{".", kDir},
-                                 {"..", kDir},
-                                 {"a.txt", kFile},
-                                 {".hidden", kFile},
-                                 {"ro", FILE_ATTRIBUTE_READONLY},
-                                 {"sub", kDir},
-                                 {"dirlink", FILE_ATTRIBUTE_REPARSE_POINT},
-                                 {"dangling", FILE_ATTRIBUTE_REPARSE_POINT}};
+    const Attributes expected = {
+        {".", kDir},
+        {"..", kDir},
+        {"sub", kDir},
+        {"a.txt", kFile},
+        {".hidden", kFile},
+        {"ro", FILE_ATTRIBUTE_READONLY},
+        {"dirlink", FILE_ATTRIBUTE_REPARSE_POINT},
+        {"dangling", FILE_ATTRIBUTE_REPARSE_POINT},
+    };
     for (const char* separator : {"/", "//"}) {
         Entries all = Walk(dir.Path() + separator + "*.*");
         ASSERT_EQ(all.size(), expected.size()) << separator;
@@ -98,8 +100,7 @@ TEST(PlatformFind, WildcardsAndMisses) {
         {"a?c", {"abc"}},
         {"a*", {"a.txt", "a.txt.bak", "abc", "ab"}},
         {"ab.*", {"ab"}}, // ".*" also takes a name without a dot
-        {"*", {".", "..", "a.txt", "B.TXT", "a.txt.bak", "abc", "ab", "x.log"}},
-    };
+        {"*", {".", "..", "a.txt", "B.TXT", "a.txt.bak", "abc", "ab", "x.log"}}};
     for (const auto& [pattern, names] : cases)
         EXPECT_EQ(Names(dir / pattern), names) << pattern;
 

@@ -6,6 +6,9 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
+#include <ctime>
+#include <string>
 
 // `call` gives `result` and leaves `error` as the last error (cleared before the call).
 #define EXPECT_FAILS_WITH(call, result, error)                                                               \
@@ -26,5 +29,25 @@ inline uint64_t Ticks(const FILETIME& t) {
 inline FILETIME FromTicks(uint64_t ticks) {
     return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
 }
+
+// Sets an environment variable (null: removes it) for a scope, then puts the old value back. Time
+// zone changes take effect at once.
+class EnvScope {
+public:
+    EnvScope(const char* name, const char* value) : m_name(name), m_had(std::getenv(name) != nullptr) {
+        if (m_had) m_old = std::getenv(name);
+        Set(value);
+    }
+    ~EnvScope() { Set(m_had ? m_old.c_str() : nullptr); }
+
+private:
+    void Set(const char* value) {
+        value ? setenv(m_name, value, 1) : unsetenv(m_name);
+        tzset();
+    }
+    const char* m_name;
+    bool m_had;
+    std::string m_old;
+};
 
 } // namespace zoth_test

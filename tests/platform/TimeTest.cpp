@@ -8,10 +8,10 @@
 
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <ctime>
 #include <random>
 #include <string>
+#include <tuple>
 
 namespace {
 
@@ -31,20 +31,6 @@ std::string Text(const SYSTEMTIME& st) {
                   st.wHour, st.wMinute, st.wSecond, st.wMilliseconds, st.wDayOfWeek);
     return buffer;
 }
-
-// Sets TZ for a scope, then puts the old value back.
-struct ZoneScope {
-    bool had = std::getenv("TZ") != nullptr;
-    std::string old = had ? std::getenv("TZ") : "";
-    explicit ZoneScope(const char* zone) {
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~ZoneScope() {
-        had ? setenv("TZ", old.c_str(), 1) : unsetenv("TZ");
-        tzset();
-    }
-};
 
 const uint64_t kUnixEpoch = zoth_test::kUnixEpochTicks, kDay = 86400 * zoth_test::kTicksPerSecond;
 
@@ -96,20 +82,14 @@ TEST(PlatformTime, CalendarRoundTripAgainstOracle) {
 }
 
 TEST(PlatformTime, RejectsInvalidRecordsAndCountsLeavingOutputUntouched) {
-    const SYSTEMTIME bad[] = {Make(1600, 12, 31),
-                              Make(30828, 1, 1),
-                              Make(2020, 0, 1),
-                              Make(2020, 13, 1),
-                              Make(2020, 1, 0),
-                              Make(2020, 4, 31),
-                              Make(2021, 2, 29),
-                              Make(1900, 2, 29),
-                              Make(2020, 1, 32),
-                              Make(2020, 1, 1, 24),
-                              Make(0, 0, 0),
-                              Make(2020, 1, 1, 0, 60),
-                              Make(2020, 1, 1, 0, 0, 60),
-                              Make(2020, 1, 1, 0, 0, 0, 1000)};
+    const SYSTEMTIME bad[] = {
+        Make(1600, 12, 31),      Make(30828, 1, 1),          Make(2020, 0, 1),
+        Make(2020, 13, 1),       Make(2020, 1, 0),           Make(2020, 4, 31),
+        Make(2020, 6, 31),       Make(2021, 2, 29),          Make(1900, 2, 29),
+        Make(2100, 2, 29),       Make(2020, 1, 32),          Make(2020, 1, 1, 24),
+        Make(2020, 1, 1, 0, 60), Make(2020, 1, 1, 0, 0, 60), Make(2020, 1, 1, 0, 0, 0, 1000),
+        Make(0, 0, 0),
+    };
     for (const SYSTEMTIME& st : bad) {
         FILETIME ft = FromTicks(0x0ABCDEF012345678ull);
         EXPECT_FAILS_WITH(SystemTimeToFileTime(&st, &ft), FALSE, ERROR_INVALID_PARAMETER);
@@ -131,29 +111,24 @@ TEST(PlatformTime, RejectsInvalidRecordsAndCountsLeavingOutputUntouched) {
 // _ftime64 gives Unix seconds and the standard offset west of UTC; GetLocalTime differs from UTC by
 // the offset in force, daylight saving included.
 TEST(PlatformTime, LocalClockFollowsZone) {
-    const struct {
-        const char* zone;
-        short timezone, dstflag;
-        double localMinusUtcMinutes;
-    } zones[] = {
+    const std::tuple<const char*, short, short, double> zones[] = {
         {"UTC0", 0, 0, 0.0},
         {"XYZ-3", -180, 0, 180.0},
         {"ABC+5:30", 330, 0, -330.0},
         {"EST5EDT,0/0,J365/25", 300, 1, -240.0}, // daylight saving all year round
     };
-    for (const auto& z : zones) {
-        ZoneScope zone(z.zone);
+    for (auto [zone, timezone, dstflag, localMinusUtcMinutes] : zones) {
+        zoth_test::EnvScope scope("TZ", zone);
         struct __timeb64 tb = {};
         _ftime64(&tb);
         SYSTEMTIME local = {};
         GetLocalTime(&local);
         FILETIME ft = {};
-        ASSERT_TRUE(SystemTimeToFileTime(&local, &ft)) << z.zone;
+        ASSERT_TRUE(SystemTimeToFileTime(&local, &ft)) << zone;
         int64_t utc = tb.time * 10000000LL + tb.millitm * 10000LL + static_cast<int64_t>(kUnixEpoch);
-        EXPECT_NEAR((static_cast<int64_t>(Ticks(ft)) - utc) / 600000000.0, z.localMinusUtcMinutes, 1.0)
-            << z.zone;
-        EXPECT_EQ(tb.timezone, z.timezone) << z.zone;
-        EXPECT_EQ(tb.dstflag, z.dstflag) << z.zone;
+        EXPECT_NEAR((static_cast<int64_t>(Ticks(ft)) - utc) / 600000000.0, localMinusUtcMinutes, 1.0) << zone;
+        EXPECT_EQ(tb.timezone, timezone) << zone;
+        EXPECT_EQ(tb.dstflag, dstflag) << zone;
         EXPECT_LT(tb.millitm, 1000);
         EXPECT_NEAR(static_cast<double>(tb.time), static_cast<double>(std::time(nullptr)), 2.0)
             << "Unix seconds";
@@ -165,18 +140,15 @@ TEST(PlatformTime, LocalClockFollowsZone) {
 // FileTimeToLocalFileTime applies the offset in force at that instant, not today's.
 TEST(PlatformTime, LocalFileTimeUsesTheOffsetOfThatInstant) {
     const uint64_t september = kUnixEpoch + 1000000000ull * 10000000ull; // 2001-09-09 01:46:40 UTC
-    const struct {
-        const char* zone;
-        uint64_t utc;
-        int hoursAhead;
-    } cases[] = {{"UTC0", september, 0},
-                 {"CET-1CEST,M3.5.0,M10.5.0/3", september, 2}, // summer time
-                 {"CET-1CEST,M3.5.0,M10.5.0/3", september - 240 * kDay, 1}};
-    for (const auto& c : cases) {
-        ZoneScope zone(c.zone);
-        FILETIME utc = FromTicks(c.utc), local = {};
-        ASSERT_TRUE(FileTimeToLocalFileTime(&utc, &local)) << c.zone;
-        EXPECT_EQ(Ticks(local), c.utc + c.hoursAhead * 3600 * 10000000ull) << c.zone << " " << c.utc;
+    const std::tuple<const char*, uint64_t, uint64_t> cases[] = {
+        {"UTC0", september, 0},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", september, 2}, // summer time
+        {"CET-1CEST,M3.5.0,M10.5.0/3", september - 240 * kDay, 1}};
+    for (auto [zone, utc, hoursAhead] : cases) {
+        zoth_test::EnvScope scope("TZ", zone);
+        FILETIME in = FromTicks(utc), local = {};
+        ASSERT_TRUE(FileTimeToLocalFileTime(&in, &local)) << zone;
+        EXPECT_EQ(Ticks(local), utc + hoursAhead * 3600 * zoth_test::kTicksPerSecond) << zone << " " << utc;
     }
     FILETIME huge{0, 0xFFFFFFFFu}, local = {};
     EXPECT_FALSE(FileTimeToLocalFileTime(nullptr, &local));
