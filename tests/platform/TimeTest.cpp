@@ -1,156 +1,87 @@
+// Calendar records and file-time ticks against the standard library's civil-day arithmetic, and the
+// local clock and local file times under several zones.
+#include "PlatformTestSupport.h"
+#include "zoth/platform/Win32File.h"
 #include "zoth/platform/Win32Time.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
-#include <cstring>
+#include <cstdio>
 #include <ctime>
 #include <random>
 #include <string>
+#include <tuple>
 
 namespace {
 
 using namespace std::chrono;
 
-uint64_t Ticks(const FILETIME& ft) {
-    return (static_cast<uint64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
-}
-
-FILETIME FromTicks(uint64_t ticks) {
-    return FILETIME{static_cast<DWORD>(ticks), static_cast<DWORD>(ticks >> 32)};
-}
+using zoth_test::FromTicks;
+using zoth_test::Ticks;
 
 SYSTEMTIME Make(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
-    SYSTEMTIME st = {};
-    st.wYear = static_cast<WORD>(y);
-    st.wMonth = static_cast<WORD>(mo);
-    st.wDay = static_cast<WORD>(d);
-    st.wHour = static_cast<WORD>(h);
-    st.wMinute = static_cast<WORD>(mi);
-    st.wSecond = static_cast<WORD>(s);
-    st.wMilliseconds = static_cast<WORD>(ms);
-    return st;
+    return SYSTEMTIME{WORD(y), WORD(mo), 0, WORD(d), WORD(h), WORD(mi), WORD(s), WORD(ms)};
 }
 
-// An independent reckoning of the same calendar: the standard library's civil-day arithmetic.
-uint64_t OracleTicks(int y, int mo, int d, int h, int mi, int s, int ms) {
-    auto days = sys_days(year(y) / month(mo) / day(d)) - sys_days(year(1601) / January / 1);
-    int64_t seconds = days.count() * 86400LL + h * 3600 + mi * 60 + s;
-    return static_cast<uint64_t>(seconds) * 10000000ull + static_cast<uint64_t>(ms) * 10000ull;
+// Every field in one line, so one comparison shows the whole record.
+std::string Text(const SYSTEMTIME& st) {
+    char buffer[64];
+    std::snprintf(buffer, sizeof buffer, "%d-%02d-%02d %02d:%02d:%02d.%03d w%d", st.wYear, st.wMonth, st.wDay,
+                  st.wHour, st.wMinute, st.wSecond, st.wMilliseconds, st.wDayOfWeek);
+    return buffer;
 }
 
-int OracleWeekday(int y, int mo, int d) {
-    return static_cast<int>(weekday(sys_days(year(y) / month(mo) / day(d))).c_encoding());
-}
-
-// Sets TZ for the scope of one test and restores it afterwards.
-class ZoneScope {
-public:
-    explicit ZoneScope(const char* zone) {
-        const char* old = std::getenv("TZ");
-        m_had = old != nullptr;
-        if (m_had) m_old = old;
-        setenv("TZ", zone, 1);
-        tzset();
-    }
-    ~ZoneScope() {
-        if (m_had)
-            setenv("TZ", m_old.c_str(), 1);
-        else
-            unsetenv("TZ");
-        tzset();
-    }
-
-private:
-    bool m_had = false;
-    std::string m_old;
-};
+const uint64_t kUnixEpoch = zoth_test::kUnixEpochTicks, kDay = 86400 * zoth_test::kTicksPerSecond;
 
 } // namespace
 
-TEST(PlatformTime, KnownInstants) {
-    FILETIME ft = {};
-    SYSTEMTIME st = Make(1601, 1, 1);
-    ASSERT_TRUE(SystemTimeToFileTime(&st, &ft));
-    EXPECT_EQ(Ticks(ft), 0u);
-    st = Make(1970, 1, 1);
-    ASSERT_TRUE(SystemTimeToFileTime(&st, &ft));
-    EXPECT_EQ(Ticks(ft), 116444736000000000ull);
-    st = Make(2000, 2, 29, 12, 34, 56, 789);
-    ASSERT_TRUE(SystemTimeToFileTime(&st, &ft));
-    EXPECT_EQ(Ticks(ft), OracleTicks(2000, 2, 29, 12, 34, 56, 789));
-
-    SYSTEMTIME out;
-    std::memset(&out, 0xFF, sizeof(out));
-    FILETIME zero = FromTicks(0);
-    ASSERT_TRUE(FileTimeToSystemTime(&zero, &out));
-    EXPECT_EQ(out.wYear, 1601);
-    EXPECT_EQ(out.wMonth, 1);
-    EXPECT_EQ(out.wDay, 1);
-    EXPECT_EQ(out.wDayOfWeek, 1) << "1601-01-01 was a Monday";
-    EXPECT_EQ(out.wHour + out.wMinute + out.wSecond + out.wMilliseconds, 0);
-
-    // The largest count accepted: 30828-09-14 02:48:05.477, a Thursday.
-    FILETIME top = FromTicks(0x7FFFFFFFFFFFFFFFull);
-    ASSERT_TRUE(FileTimeToSystemTime(&top, &out));
-    EXPECT_EQ(out.wYear, 30828);
-    EXPECT_EQ(out.wMonth, 9);
-    EXPECT_EQ(out.wDay, 14);
-    EXPECT_EQ(out.wHour, 2);
-    EXPECT_EQ(out.wMinute, 48);
-    EXPECT_EQ(out.wSecond, 5);
-    EXPECT_EQ(out.wMilliseconds, 477);
-    EXPECT_EQ(out.wDayOfWeek, 4);
-}
-
-TEST(PlatformTime, RandomDatesRoundTripAgainstCalendarOracle) {
-    std::mt19937 rng(20240229);
+TEST(PlatformTime, CalendarRoundTripAgainstOracle) {
     auto check = [](int y, int mo, int d, int h, int mi, int s, int ms) {
-        SYSTEMTIME st = Make(y, mo, d, h, mi, s, ms);
+        SYSTEMTIME st = Make(y, mo, d, h, mi, s, ms), back = {};
         st.wDayOfWeek = 6; // ignored on input
+        sys_days day = sys_days(year(y) / mo / d);
+        uint64_t expected = (day - sys_days(year(1601) / 1 / 1)).count() * kDay +
+                            ((h * 60 + mi) * 60 + s) * 10000000ull + ms * 10000ull;
         FILETIME ft = {};
-        ASSERT_TRUE(SystemTimeToFileTime(&st, &ft)) << y << "-" << mo << "-" << d;
-        ASSERT_EQ(Ticks(ft), OracleTicks(y, mo, d, h, mi, s, ms)) << y << "-" << mo << "-" << d;
-        SYSTEMTIME back = {};
+        ASSERT_TRUE(SystemTimeToFileTime(&st, &ft)) << Text(st);
+        ASSERT_EQ(Ticks(ft), expected) << Text(st);
         ASSERT_TRUE(FileTimeToSystemTime(&ft, &back));
-        EXPECT_EQ(back.wYear, y);
-        EXPECT_EQ(back.wMonth, mo);
-        EXPECT_EQ(back.wDay, d);
-        EXPECT_EQ(back.wHour, h);
-        EXPECT_EQ(back.wMinute, mi);
-        EXPECT_EQ(back.wSecond, s);
-        EXPECT_EQ(back.wMilliseconds, ms);
-        EXPECT_EQ(back.wDayOfWeek, OracleWeekday(y, mo, d)) << y << "-" << mo << "-" << d;
+        st.wDayOfWeek = static_cast<WORD>(weekday(day).c_encoding());
+        EXPECT_EQ(Text(back), Text(st));
     };
+    std::mt19937 rng(20240229);
     for (int i = 0; i < 20000; ++i) {
         int y = 1601 + static_cast<int>(rng() % (9999 - 1601 + 1));
         int mo = 1 + static_cast<int>(rng() % 12);
-        int dim = static_cast<int>(unsigned(year_month_day_last(year(y), month_day_last(month(mo))).day()));
-        int d = 1 + static_cast<int>(rng() % dim);
-        check(y, mo, d, rng() % 24, rng() % 60, rng() % 60, rng() % 1000);
+        unsigned last = unsigned(year_month_day_last(year(y), month_day_last(month(mo))).day());
+        check(y, mo, 1 + static_cast<int>(rng() % last), rng() % 24, rng() % 60, rng() % 60, rng() % 1000);
     }
-    // Leap days, century rules and the ends of the range.
-    for (int y : {1604, 1700 + 4, 1896, 1904, 2000, 2024, 2400, 9996})
+    for (int y : {1604, 1704, 1896, 1904, 2000, 2024, 2400, 9996}) // leap days under the century rules
         check(y, 2, 29, 12, 0, 0, 0);
     check(1601, 1, 1, 0, 0, 0, 0);
     check(1601, 12, 31, 23, 59, 59, 999);
-    check(9999, 12, 31, 23, 59, 59, 999);
     check(30827, 12, 31, 23, 59, 59, 999);
 
-    // Every day boundary over a stretch of counts stays consistent in both directions.
+    // Fixed points that do not rest on the oracle: the Unix epoch and the largest count accepted.
+    SYSTEMTIME st = Make(1970, 1, 1);
+    FILETIME ft = {};
+    ASSERT_TRUE(SystemTimeToFileTime(&st, &ft));
+    EXPECT_EQ(Ticks(ft), kUnixEpoch);
+    ft = FromTicks(0x7FFFFFFFFFFFFFFFull);
+    ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
+    EXPECT_EQ(Text(st), "30828-09-14 02:48:05.477 w4");
+    // The last tick of a day goes back as its last millisecond, on the same day.
     for (uint64_t day = 0; day < 3000000; day += 997) {
-        uint64_t ticks = day * 864000000000ull + 863999999999ull; // the last tick of that day
-        FILETIME ft = FromTicks(ticks);
-        SYSTEMTIME st = {};
-        ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
+        ft = FromTicks(day * kDay + kDay - 1);
         FILETIME again = {};
+        ASSERT_TRUE(FileTimeToSystemTime(&ft, &st));
         ASSERT_TRUE(SystemTimeToFileTime(&st, &again));
-        EXPECT_EQ(Ticks(again), ticks - 9999) << "milliseconds truncate the last 9999 ticks";
+        EXPECT_EQ(Ticks(again), day * kDay + kDay - 10000) << "day " << day;
     }
 }
 
-TEST(PlatformTime, RejectsInvalidRecordsAndCounts) {
+TEST(PlatformTime, RejectsInvalidRecordsAndCountsLeavingOutputUntouched) {
     const SYSTEMTIME bad[] = {
         Make(1600, 12, 31),      Make(30828, 1, 1),          Make(2020, 0, 1),
         Make(2020, 13, 1),       Make(2020, 1, 0),           Make(2020, 4, 31),
@@ -160,84 +91,66 @@ TEST(PlatformTime, RejectsInvalidRecordsAndCounts) {
         Make(0, 0, 0),
     };
     for (const SYSTEMTIME& st : bad) {
-        FILETIME ft = {0x12345678u, 0x0ABCDEF0u};
-        SetLastError(ERROR_SUCCESS);
-        EXPECT_FALSE(SystemTimeToFileTime(&st, &ft))
-            << st.wYear << "-" << st.wMonth << "-" << st.wDay << " " << st.wHour << ":" << st.wMinute;
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-        EXPECT_EQ(ft.dwLowDateTime, 0x12345678u) << "output untouched on failure";
-        EXPECT_EQ(ft.dwHighDateTime, 0x0ABCDEF0u);
+        FILETIME ft = FromTicks(0x0ABCDEF012345678ull);
+        EXPECT_FAILS_WITH(SystemTimeToFileTime(&st, &ft), FALSE, ERROR_INVALID_PARAMETER);
+        EXPECT_EQ(Ticks(ft), 0x0ABCDEF012345678ull) << Text(st);
+    }
+    for (uint64_t ticks : {0x8000000000000000ull, 0xFFFFFFFFFFFFFFFFull}) {
+        FILETIME in = FromTicks(ticks);
+        SYSTEMTIME out = Make(1999, 9, 9);
+        EXPECT_FAILS_WITH(FileTimeToSystemTime(&in, &out), FALSE, ERROR_INVALID_PARAMETER);
+        EXPECT_EQ(out.wYear, 1999);
     }
     SYSTEMTIME ok = Make(2020, 2, 29, 23, 59, 59, 999);
     FILETIME ft = {};
     EXPECT_TRUE(SystemTimeToFileTime(&ok, &ft));
-    EXPECT_FALSE(SystemTimeToFileTime(nullptr, &ft));
-    EXPECT_FALSE(SystemTimeToFileTime(&ok, nullptr));
-
-    for (uint64_t ticks : {0x8000000000000000ull, 0xFFFFFFFFFFFFFFFFull, 0x8000000000000001ull}) {
-        FILETIME in = FromTicks(ticks);
-        SYSTEMTIME out = Make(1999, 9, 9);
-        SetLastError(ERROR_SUCCESS);
-        EXPECT_FALSE(FileTimeToSystemTime(&in, &out));
-        EXPECT_EQ(GetLastError(), ERROR_INVALID_PARAMETER);
-        EXPECT_EQ(out.wYear, 1999) << "output untouched on failure";
-    }
-    FILETIME in = FromTicks(0);
-    EXPECT_FALSE(FileTimeToSystemTime(&in, nullptr));
-    EXPECT_FALSE(FileTimeToSystemTime(nullptr, &ok));
+    EXPECT_FAILS_WITH(SystemTimeToFileTime(nullptr, &ft), FALSE, ERROR_INVALID_PARAMETER);
+    EXPECT_FAILS_WITH(FileTimeToSystemTime(&ft, nullptr), FALSE, ERROR_INVALID_PARAMETER);
 }
 
+// _ftime64 gives Unix seconds and the standard offset west of UTC; GetLocalTime differs from UTC by
+// the offset in force, daylight saving included.
 TEST(PlatformTime, LocalClockFollowsZone) {
-    const uint64_t kTicks1601To1970 = 116444736000000000ull;
-    auto localMinusUtcMinutes = [&]() {
+    const std::tuple<const char*, short, short, double> zones[] = {
+        {"UTC0", 0, 0, 0.0},
+        {"XYZ-3", -180, 0, 180.0},
+        {"ABC+5:30", 330, 0, -330.0},
+        {"EST5EDT,0/0,J365/25", 300, 1, -240.0}, // daylight saving all year round
+    };
+    for (auto [zone, timezone, dstflag, localMinusUtcMinutes] : zones) {
+        zoth_test::EnvScope scope("TZ", zone);
         struct __timeb64 tb = {};
         _ftime64(&tb);
         SYSTEMTIME local = {};
         GetLocalTime(&local);
         FILETIME ft = {};
-        EXPECT_TRUE(SystemTimeToFileTime(&local, &ft));
-        int64_t utcTicks =
-            tb.time * 10000000LL + tb.millitm * 10000LL + static_cast<int64_t>(kTicks1601To1970);
-        double minutes = static_cast<double>(static_cast<int64_t>(Ticks(ft)) - utcTicks) / 600000000.0;
-        return minutes;
-    };
-    {
-        ZoneScope zone("UTC0");
-        struct __timeb64 tb = {};
-        _ftime64(&tb);
-        EXPECT_EQ(tb.timezone, 0);
-        EXPECT_EQ(tb.dstflag, 0);
+        ASSERT_TRUE(SystemTimeToFileTime(&local, &ft)) << zone;
+        int64_t utc = tb.time * 10000000LL + tb.millitm * 10000LL + static_cast<int64_t>(kUnixEpoch);
+        EXPECT_NEAR((static_cast<int64_t>(Ticks(ft)) - utc) / 600000000.0, localMinusUtcMinutes, 1.0) << zone;
+        EXPECT_EQ(tb.timezone, timezone) << zone;
+        EXPECT_EQ(tb.dstflag, dstflag) << zone;
         EXPECT_LT(tb.millitm, 1000);
-        EXPECT_GT(tb.time, 1600000000LL) << "after September 2020";
         EXPECT_NEAR(static_cast<double>(tb.time), static_cast<double>(std::time(nullptr)), 2.0)
             << "Unix seconds";
-        EXPECT_NEAR(localMinusUtcMinutes(), 0.0, 1.0);
     }
-    {
-        ZoneScope zone("XYZ-3"); // three hours east of UTC, no daylight saving
-        struct __timeb64 tb = {};
-        _ftime64(&tb);
-        EXPECT_EQ(tb.timezone, -180);
-        EXPECT_EQ(tb.dstflag, 0);
-        EXPECT_NEAR(localMinusUtcMinutes(), 180.0, 1.0);
-    }
-    {
-        ZoneScope zone("ABC+5:30");
-        EXPECT_NEAR(localMinusUtcMinutes(), -330.0, 1.0);
-    }
-    {
-        // A zone with daylight saving all year round: standard offset 300 west, clocks one hour ahead.
-        ZoneScope zone("EST5EDT,0/0,J365/25");
-        struct __timeb64 tb = {};
-        _ftime64(&tb);
-        EXPECT_EQ(tb.timezone, 300);
-        EXPECT_EQ(tb.dstflag, 1);
-        EXPECT_NEAR(localMinusUtcMinutes(), -240.0, 1.0);
-    }
-    SYSTEMTIME st = {};
-    GetLocalTime(&st);
-    EXPECT_GE(st.wYear, 2020);
-    EXPECT_LT(st.wDayOfWeek, 7);
     GetLocalTime(nullptr); // ignored, no crash
     _ftime64(nullptr);
+}
+
+// FileTimeToLocalFileTime applies the offset in force at that instant, not today's.
+TEST(PlatformTime, LocalFileTimeUsesTheOffsetOfThatInstant) {
+    const uint64_t september = kUnixEpoch + 1000000000ull * 10000000ull; // 2001-09-09 01:46:40 UTC
+    const std::tuple<const char*, uint64_t, uint64_t> cases[] = {
+        {"UTC0", september, 0},
+        {"CET-1CEST,M3.5.0,M10.5.0/3", september, 2}, // summer time
+        {"CET-1CEST,M3.5.0,M10.5.0/3", september - 240 * kDay, 1}};
+    for (auto [zone, utc, hoursAhead] : cases) {
+        zoth_test::EnvScope scope("TZ", zone);
+        FILETIME in = FromTicks(utc), local = {};
+        ASSERT_TRUE(FileTimeToLocalFileTime(&in, &local)) << zone;
+        EXPECT_EQ(Ticks(local), utc + hoursAhead * 3600 * zoth_test::kTicksPerSecond) << zone << " " << utc;
+    }
+    FILETIME huge{0, 0xFFFFFFFFu}, local = {};
+    EXPECT_FALSE(FileTimeToLocalFileTime(nullptr, &local));
+    EXPECT_FALSE(FileTimeToLocalFileTime(&huge, &local));
 }
