@@ -12,7 +12,7 @@
 #include <chrono>
 #include <memory>
 #include <mutex>
-#include <regex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -90,7 +90,6 @@ private:
 struct Seen {
     std::string method, target, body;
     httplib::Headers headers;
-    int count = 0; // requests recorded so far
     std::string Header(const char* name) const {
         return httplib::detail::get_header_value(headers, name, 0, "");
     }
@@ -108,7 +107,7 @@ public:
     explicit Recorder(LoopbackServer& server, std::string big = "") : m_big(std::move(big)) {
         auto handler = [this](const httplib::Request& req, httplib::Response& res) {
             std::lock_guard<std::mutex> lock(m_mutex);
-            m_seen = {req.method, req.target, req.body, req.headers, m_seen.count + 1};
+            m_seen = {req.method, req.target, req.body, req.headers};
             res.status = req.path == "/missing" ? 404 : 200;
             res.set_content(req.path == "/missing"   ? "missing page"
                             : req.path == "/nothing" ? ""
@@ -145,20 +144,22 @@ public:
                 std::lock_guard<std::mutex> lock(m_mutex);
                 m_requestLines.push_back(req.method + " " + req.target + " " + req.version);
             }
-            std::smatch origin;
-            static const std::regex absolute(R"(http://127\.0\.0\.1:(\d+)(/.*))");
-            if (!std::regex_match(req.target, origin, absolute)) return void(res.status = 400);
+            const std::string origin = "http://127.0.0.1:";
+            const size_t slash = req.target.find('/', origin.size());
+            if (req.target.rfind(origin, 0) != 0 || slash == std::string::npos) return void(res.status = 400);
             httplib::Request forward;
             forward.method = req.method;
-            forward.path = origin[2];
-            static const std::regex hopByHop(
-                "Host|Content-Length|Connection|Expect|Proxy-.*|REMOTE_.*|LOCAL_.*", std::regex::icase);
+            forward.path = req.target.substr(slash);
+            static const std::set<std::string, httplib::detail::ci> hopByHop = {
+                "Host",        "Content-Length", "Connection", "Expect",    "Proxy-Connection",
+                "REMOTE_ADDR", "REMOTE_PORT",    "LOCAL_ADDR", "LOCAL_PORT"};
             for (const auto& [name, value] : req.headers)
-                if (!std::regex_match(name, hopByHop)) forward.headers.emplace(name, value);
+                if (!hopByHop.count(name)) forward.headers.emplace(name, value);
             // httplib hands a multipart body only to per-part callbacks; unlabelled, it comes raw.
             const_cast<httplib::Request&>(req).headers.erase("Content-Type");
             read([&](const char* data, size_t size) { return forward.body.append(data, size), true; });
-            httplib::Client client("127.0.0.1", std::stoi(origin[1]));
+            httplib::Client client("127.0.0.1",
+                                   std::stoi(req.target.substr(origin.size(), slash - origin.size())));
             httplib::Response answer;
             httplib::Error error;
             if (!client.send(forward, answer, error)) return void(res.status = 502);
