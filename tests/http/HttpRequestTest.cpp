@@ -1,5 +1,4 @@
-// GET, POST and PUT against a real loopback server: what the server saw, what came back, and how
-// failures, time limits, stop requests, TLS, proxies and copies behave.
+// GET, POST and PUT against a loopback server; failures, time limits, Stop, TLS, proxy and copies.
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "LoopbackServer.h"
@@ -77,8 +76,7 @@ TEST(HttpRequest, MethodsBodiesAndHeadersAsTheServerSawThem) {
     EXPECT_EQ("GET", echo.Last().method);
     EXPECT_EQ("", echo.Last().body);
 
-    // Copies own no handle of the source (the sanitizers catch a shared one) and keep its headers;
-    // an assigned client gives up its own handle first.
+    // Copies keep the headers but own no handle of the source (the sanitizers catch a shared one).
     client.SetCustomHeaders({"X-Copy: yes"});
     CHttpClientCurl copy(client), assigned;
     ASSERT_EQ(1, assigned.HttpGet(server.Url("/echo"), "", "", response));

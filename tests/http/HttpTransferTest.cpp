@@ -1,5 +1,4 @@
-// DownloadFile's no-partial-file promise, the speed probe against a throttled stream, and the
-// multipart upload as the server parsed it.
+// DownloadFile's no-partial-file promise, the speed probe, and the multipart upload as parsed.
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "LoopbackServer.h"

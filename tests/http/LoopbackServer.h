@@ -1,5 +1,4 @@
-// Real servers for the HTTP tests, all on 127.0.0.1: a cpp-httplib server (plain, or TLS with a
-// certificate made now) on a thread of its own, and a forward proxy built on one.
+// Real cpp-httplib servers on 127.0.0.1 (plain, or TLS with a certificate made now) and a proxy.
 // Declare what the handlers use before the server: they may run until its destructor has stopped it.
 #pragma once
 

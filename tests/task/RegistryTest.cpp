@@ -1,5 +1,4 @@
-// CTesselControlBase: keys, the two passes of StopAllTask, closing, the destructor, the lock, and
-// a soak of thousands of tasks.
+// CTesselControlBase: keys, StopAllTask's two passes, closing, destructor, lock, and a soak.
 #include "TaskTestSupport.h"
 #include "zoth/task/CTesselControlBase.h"
 
