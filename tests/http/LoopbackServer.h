@@ -1,5 +1,4 @@
-// Real servers for the HTTP tests, all on 127.0.0.1: a cpp-httplib server (plain or TLS with a
-// certificate made for the test) run on a thread of its own, and a small forward proxy for plain HTTP.
+// Real cpp-httplib servers on 127.0.0.1 (plain, or TLS with a certificate made now) and a proxy.
 // Declare what the handlers use before the server: they may run until its destructor has stopped it.
 #pragma once
 
@@ -8,64 +7,54 @@
 
 #include "TempDir.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace zoth_test {
 
+// Bytes of every value in an order that shows a lost, doubled or swapped piece.
+inline std::string Payload(size_t size) {
+    std::string data(size, '\0');
+    for (size_t i = 0; i < size; ++i)
+        data[i] = static_cast<char>((i * 131 + i / 7) & 0xff);
+    return data;
+}
+
 class LoopbackServer {
 public:
-    // tls: HTTPS with a self-signed certificate generated now.
-    explicit LoopbackServer(bool tls = false) {
+    explicit LoopbackServer(bool tls = false) : m_scheme(tls ? "https" : "http") {
         if (tls) {
             const std::string key = m_certDir / "key.pem", cert = m_certDir / "cert.pem";
-            const std::string command =
-                "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
-                "-days 2 -subj /CN=127.0.0.1 -keyout " +
-                key + " -out " + cert + " >/dev/null 2>&1";
-            if (std::system(command.c_str()) != 0)
-                throw std::runtime_error("openssl could not make a certificate");
+            const std::string command = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
+                                        "-nodes -days 2 -subj /CN=127.0.0.1 -keyout " +
+                                        key + " -out " + cert + " >/dev/null 2>&1";
+            if (std::system(command.c_str()) != 0) throw std::runtime_error("openssl made no certificate");
             m_server = std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str());
         } else {
             m_server = std::make_unique<httplib::Server>();
         }
-        m_scheme = tls ? "https" : "http";
-        // Idle keep-alive connections would hold Stop() for the default 5 s.
-        m_server->set_keep_alive_timeout(1);
+        m_server->set_keep_alive_timeout(1); // idle keep-alive connections would hold Stop() for 5 s
     }
     ~LoopbackServer() { Stop(); }
-    LoopbackServer(const LoopbackServer&) = delete;
-    LoopbackServer& operator=(const LoopbackServer&) = delete;
 
     httplib::Server& Http() { return *m_server; }
 
     // Binds 127.0.0.1 (port 0: any free port) and serves on a thread. false when the port is taken.
     bool Start(int port = 0) {
-        if (port == 0) {
-            m_port = m_server->bind_to_any_port("127.0.0.1");
-            if (m_port <= 0) return false;
-        } else {
-            if (!m_server->bind_to_port("127.0.0.1", port)) return false;
-            m_port = port;
-        }
+        m_port = port == 0 ? m_server->bind_to_any_port("127.0.0.1")
+                           : (m_server->bind_to_port("127.0.0.1", port) ? port : -1);
+        if (m_port <= 0) return false;
         m_thread = std::thread([this] { m_server->listen_after_bind(); });
         while (!m_server->is_running())
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         return true;
     }
-
     void Stop() {
         m_stopping = true;
         if (m_thread.joinable()) {
@@ -82,48 +71,104 @@ public:
     // Sleeps in handlers; returns early (false) once the server is being stopped.
     bool Nap(int milliseconds) {
         auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(milliseconds);
-        while (std::chrono::steady_clock::now() < end) {
-            if (m_stopping) return false;
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        while (!m_stopping && std::chrono::steady_clock::now() < end)
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
         return !m_stopping;
     }
 
 private:
     TempDir m_certDir;
-    std::unique_ptr<httplib::Server> m_server;
     std::string m_scheme;
+    std::unique_ptr<httplib::Server> m_server;
     std::thread m_thread;
     int m_port = 0;
     std::atomic<bool> m_stopping{false};
 };
 
-// A forward proxy for plain HTTP: takes absolute-form requests, sends them on to the origin in
-// origin form with "Connection: close", and relays the answer. One connection at a time.
+// What a server saw of a request.
+struct Seen {
+    std::string method, target, body;
+    httplib::Headers headers;
+    std::string Header(const char* name) const {
+        return httplib::detail::get_header_value(headers, name, 0, "");
+    }
+    // "METHOD target [body] agent | accept", and " +type" when a Content-Type came.
+    std::string Summary() const {
+        return method + " " + target + " [" + body + "] " + Header("User-Agent") + " | " + Header("Accept") +
+               (headers.count("Content-Type") ? " +type" : "");
+    }
+};
+
+// Answers GET, POST and PUT on every path not routed before it, and records the last request:
+// /missing gives a 404 page, /nothing an empty body, /big `big`, anything else Answer(method, body).
+class Recorder {
+public:
+    explicit Recorder(LoopbackServer& server, std::string big = "") : m_big(std::move(big)) {
+        auto handler = [this](const httplib::Request& req, httplib::Response& res) {
+            std::lock_guard<std::mutex> lock(m_mutex);
+            m_seen = {req.method, req.target, req.body, req.headers};
+            res.status = req.path == "/missing" ? 404 : 200;
+            res.set_content(req.path == "/missing"   ? "missing page"
+                            : req.path == "/nothing" ? ""
+                            : req.path == "/big"     ? m_big
+                                                     : Answer(req.method, req.body),
+                            "text/plain");
+        };
+        server.Http().Get(".*", handler).Post(".*", handler).Put(".*", handler);
+    }
+    ~Recorder() { std::lock_guard<std::mutex> lock(m_mutex); } // orders the last handler's writes first
+    // The answer holds a zero byte, which must come back whole.
+    static std::string Answer(const std::string& method, const std::string& body) {
+        return method + ":" + body + std::string("\0!", 2);
+    }
+    Seen Last() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_seen;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::string m_big;
+    Seen m_seen;
+};
+
+// A forward proxy for plain HTTP POSTs: takes absolute-form requests to a loopback origin, sends
+// them on in origin form and relays the answer.
 class ForwardProxy {
 public:
     ForwardProxy() {
-        m_listen = socket(AF_INET, SOCK_STREAM, 0);
-        int one = 1;
-        setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof(one));
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) != 0 ||
-            listen(m_listen, 16) != 0)
-            throw std::runtime_error("proxy cannot listen");
-        socklen_t length = sizeof(addr);
-        getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &length);
-        m_port = ntohs(addr.sin_port);
-        m_thread = std::thread([this] { Run(); });
-    }
-    ~ForwardProxy() {
-        m_stopping = true;
-        m_thread.join();
-        close(m_listen);
+        m_server.Http().Post(".*", [this](const httplib::Request& req, httplib::Response& res,
+                                          const httplib::ContentReader& read) {
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_requestLines.push_back(req.method + " " + req.target + " " + req.version);
+            }
+            const std::string origin = "http://127.0.0.1:";
+            const size_t slash = req.target.find('/', origin.size());
+            if (req.target.rfind(origin, 0) != 0 || slash == std::string::npos) return void(res.status = 400);
+            httplib::Request forward;
+            forward.method = req.method;
+            forward.path = req.target.substr(slash);
+            static const std::set<std::string, httplib::detail::ci> hopByHop = {
+                "Host",        "Content-Length", "Connection", "Expect",    "Proxy-Connection",
+                "REMOTE_ADDR", "REMOTE_PORT",    "LOCAL_ADDR", "LOCAL_PORT"};
+            for (const auto& [name, value] : req.headers)
+                if (!hopByHop.count(name)) forward.headers.emplace(name, value);
+            // httplib hands a multipart body only to per-part callbacks; unlabelled, it comes raw.
+            const_cast<httplib::Request&>(req).headers.erase("Content-Type");
+            read([&](const char* data, size_t size) { return forward.body.append(data, size), true; });
+            httplib::Client client("127.0.0.1",
+                                   std::stoi(req.target.substr(origin.size(), slash - origin.size())));
+            httplib::Response answer;
+            httplib::Error error;
+            if (!client.send(forward, answer, error)) return void(res.status = 502);
+            res.status = answer.status;
+            res.set_content(answer.body, answer.get_header_value("Content-Type").c_str());
+        });
+        if (!m_server.Start()) throw std::runtime_error("proxy cannot listen");
     }
 
-    std::string Address() const { return "http://127.0.0.1:" + std::to_string(m_port); }
+    std::string Address() const { return "http://127.0.0.1:" + std::to_string(m_server.Port()); }
     // Request lines as the proxy received them.
     std::vector<std::string> RequestLines() {
         std::lock_guard<std::mutex> lock(m_mutex);
@@ -131,93 +176,9 @@ public:
     }
 
 private:
-    void Run() {
-        while (!m_stopping) {
-            pollfd p{m_listen, POLLIN, 0};
-            if (poll(&p, 1, 20) <= 0) continue;
-            int client = accept(m_listen, nullptr, nullptr);
-            if (client < 0) continue;
-            Serve(client);
-            close(client);
-        }
-    }
-
-    static bool SendAll(int fd, const std::string& data) {
-        size_t sent = 0;
-        while (sent < data.size()) {
-            ssize_t n = send(fd, data.data() + sent, data.size() - sent, MSG_NOSIGNAL);
-            if (n <= 0) return false;
-            sent += static_cast<size_t>(n);
-        }
-        return true;
-    }
-
-    void Serve(int client) {
-        std::string in;
-        char buffer[16384];
-        size_t headEnd;
-        while ((headEnd = in.find("\r\n\r\n")) == std::string::npos) {
-            ssize_t n = recv(client, buffer, sizeof(buffer), 0);
-            if (n <= 0) return;
-            in.append(buffer, static_cast<size_t>(n));
-        }
-        std::string head = in.substr(0, headEnd + 2);
-        std::string body = in.substr(headEnd + 4);
-        size_t lineEnd = head.find("\r\n");
-        std::string requestLine = head.substr(0, lineEnd);
-        {
-            std::lock_guard<std::mutex> lock(m_mutex);
-            m_requestLines.push_back(requestLine);
-        }
-        // "METHOD http://127.0.0.1:PORT/path HTTP/1.1"
-        size_t sp1 = requestLine.find(' '), sp2 = requestLine.rfind(' ');
-        std::string target = requestLine.substr(sp1 + 1, sp2 - sp1 - 1);
-        const std::string prefix = "http://127.0.0.1:";
-        if (target.compare(0, prefix.size(), prefix) != 0) return; // loopback only
-        size_t slash = target.find('/', prefix.size());
-        int port = std::stoi(target.substr(prefix.size(), slash - prefix.size()));
-        std::string path = slash == std::string::npos ? "/" : target.substr(slash);
-
-        size_t contentLength = 0;
-        std::string headers;
-        for (size_t pos = lineEnd + 2; pos < head.size();) {
-            size_t end = head.find("\r\n", pos);
-            std::string line = head.substr(pos, end - pos);
-            pos = end + 2;
-            std::string lower = line;
-            for (char& c : lower)
-                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-            if (lower.rfind("proxy-connection:", 0) == 0 || lower.rfind("connection:", 0) == 0) continue;
-            if (lower.rfind("content-length:", 0) == 0) contentLength = std::stoul(line.substr(15));
-            headers += line + "\r\n";
-        }
-        while (body.size() < contentLength) {
-            ssize_t n = recv(client, buffer, sizeof(buffer), 0);
-            if (n <= 0) return;
-            body.append(buffer, static_cast<size_t>(n));
-        }
-
-        int upstream = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        if (connect(upstream, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-            SendAll(upstream, requestLine.substr(0, sp1) + " " + path + requestLine.substr(sp2) + "\r\n" +
-                                  headers + "Connection: close\r\n\r\n" + body)) {
-            ssize_t n;
-            while ((n = recv(upstream, buffer, sizeof(buffer), 0)) > 0)
-                if (!SendAll(client, std::string(buffer, static_cast<size_t>(n)))) break;
-        }
-        close(upstream);
-    }
-
-    int m_listen = -1;
-    int m_port = 0;
-    std::atomic<bool> m_stopping{false};
-    std::thread m_thread;
     std::mutex m_mutex;
     std::vector<std::string> m_requestLines;
+    LoopbackServer m_server; // last: stopped before the fields its handler uses go away
 };
 
 } // namespace zoth_test

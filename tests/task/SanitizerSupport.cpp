@@ -1,7 +1,5 @@
-// The address sanitizer does not unpoison the stack frames that a thread cancellation unwinds (it
-// only does so for C++ throws), so its first stack check afterwards, in sigaltstack, reports the
-// dead frames. The report is false; the same check then clears the stack. Forced ends of threads
-// are part of these tests, so that one interceptor's report is suppressed.
+// ASan does not unpoison the frames a thread cancellation unwinds, so its next stack check (in
+// sigaltstack) reports dead frames falsely; forced ends are part of these tests.
 #if defined(__SANITIZE_ADDRESS__)
 extern "C" const char* __asan_default_suppressions() {
     return "interceptor_name:sigaltstack\n";
