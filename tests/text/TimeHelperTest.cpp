@@ -14,16 +14,8 @@ using ZOTH::CTimeHelper;
 
 namespace {
 
-__int64 Ticks(int y, int mo, int d, int h = 0, int mi = 0, int s = 0, int ms = 0) {
-    _SYSTEMTIME st = {};
-    st.wYear = static_cast<WORD>(y);
-    st.wMonth = static_cast<WORD>(mo);
-    st.wDay = static_cast<WORD>(d);
-    st.wHour = static_cast<WORD>(h);
-    st.wMinute = static_cast<WORD>(mi);
-    st.wSecond = static_cast<WORD>(s);
-    st.wMilliseconds = static_cast<WORD>(ms);
-    return CTimeHelper::SystemTimeToInt64(st);
+__int64 Ticks(WORD y, WORD mo, WORD d, WORD h = 0, WORD mi = 0, WORD s = 0, WORD ms = 0) {
+    return CTimeHelper::SystemTimeToInt64(_SYSTEMTIME{y, mo, 0, d, h, mi, s, ms});
 }
 
 constexpr __int64 kDay = 864000000000LL;
