@@ -90,22 +90,21 @@ TEST(TextTimeHelper, Clocks) {
         break;
     }
 
-    // Milliseconds since 1970 in UTC: 13 digits, close to the system clock.
-    __int64 utcMs = CTimeHelper::GetCurrentTimeStamp();
-    auto systemMs = std::chrono::duration_cast<std::chrono::milliseconds>(
-                        std::chrono::system_clock::now().time_since_epoch())
-                        .count();
-    EXPECT_EQ(std::to_string(utcMs).size(), 13u);
-    EXPECT_NEAR(static_cast<double>(utcMs), static_cast<double>(systemMs), 5000.0);
-    // The local record and the UTC stamp differ by the zone's offset.
+    // Milliseconds since 1970 in UTC, whatever the zone: 13 digits, close to the system clock, while
+    // the local record stands two hours ahead.
     const char* old = std::getenv("TZ");
     std::string saved = old ? old : "";
     setenv("TZ", "XYZ-2", 1);
     tzset();
     __int64 localMs =
         (CTimeHelper::SystemTimeToInt64(CTimeHelper::GetLocalSystemTime()) - kUnixEpoch) / 10000;
-    utcMs = CTimeHelper::GetCurrentTimeStamp();
+    __int64 utcMs = CTimeHelper::GetCurrentTimeStamp();
+    auto systemMs = std::chrono::duration_cast<std::chrono::milliseconds>(
+                        std::chrono::system_clock::now().time_since_epoch())
+                        .count();
     old ? setenv("TZ", saved.c_str(), 1) : unsetenv("TZ");
     tzset();
+    EXPECT_EQ(std::to_string(utcMs).size(), 13u);
+    EXPECT_NEAR(static_cast<double>(utcMs), static_cast<double>(systemMs), 5000.0);
     EXPECT_NEAR(static_cast<double>(localMs - utcMs), 2 * 3600 * 1000.0, 5000.0);
 }
