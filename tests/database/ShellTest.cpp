@@ -166,7 +166,7 @@ TEST(DatabaseSqlCommand, PrintsRowsAndReportsFailures) {
     const struct {
         std::string args;
         int status;
-        const char *out, *err; // err: a part of stderr; nullptr: not checked
+        const char *out, *err; // err: text stderr must hold; nullptr: not checked
     } runs[] = {
         {"--exec" + db +
              "\"CREATE TABLE t(a INTEGER, b TEXT, c REAL); "

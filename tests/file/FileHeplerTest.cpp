@@ -199,7 +199,7 @@ TEST(FileVersion, PackedNumberCarriesTextDoesNot) {
     } images[] = {
         {{1, 2, 3, 4, false}, 0x01020304u, "1.2.3.4"},
         {{10, 0, 19041, 1, true}, 0x0A4A6101u, "10.0.19041.1"},
-        // Every part at its maximum: the text keeps them whole, the number wraps in 32 bits.
+        // Every field at its maximum: the text keeps them whole, the number wraps in 32 bits.
         {{65535, 65535, 65535, 65535, false},
          ((65535u * 256 + 65535u) * 256 + 65535u) * 256 + 65535u,
          "65535.65535.65535.65535"},

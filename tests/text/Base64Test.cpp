@@ -68,7 +68,7 @@ TEST(TextBase64, DecodeRulesAndQuirks) {
     EXPECT_EQ(STRING_UTIL::Base64Decode("A=AAZm9v"), "\x0F\xF0\0foo"s);
     for (const auto& c : cases)
         EXPECT_EQ(STRING_UTIL::Base64Decode(c.text), c.bytes) << c.text;
-    // A length that is no multiple of 4, or one bad character anywhere: nothing, not a part.
+    // A length that is no multiple of 4, or one bad character anywhere: nothing, not a piece.
     for (const char* bad : {"", "Q", "QQ", "QQE", "Zm9vYmFy=", "Zm9v YmE=", "Zm9vYm y", "Zm9v\nmFy",
                             "Zm9vYm-y", "Zm9vYm_y", "Zm9vYm\xC3y", "\x80m9vYmFy"})
         EXPECT_EQ(STRING_UTIL::Base64Decode(bad), "") << bad;

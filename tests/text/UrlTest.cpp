@@ -1,4 +1,4 @@
-// STRING_UTIL's URL text operations, taken literally: escaping, host part and query parameters.
+// STRING_UTIL's URL text operations, taken literally: escaping, host and query parameters.
 #include "zoth/text/STRING_UTIL.h"
 
 #include <gtest/gtest.h>
