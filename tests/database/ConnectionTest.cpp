@@ -8,155 +8,92 @@
 using ZOTH::CDataBaseInfo;
 using ZOTH::CSqlLiteInternal;
 using ZOTH::CSqlLiteQueryInternal;
+using zoth_test::kUntouched;
 using zoth_test::OpenDb;
 using zoth_test::ScalarInt;
 using zoth_test::TempDir;
-
-namespace {
-
-bool FolderIsEmpty(const std::string& path) {
-    return std::filesystem::is_empty(path);
-}
-
-} // namespace
+namespace fs = std::filesystem;
 
 TEST(DatabaseInfo, HoldsUtf8AndHandsOutAnsi) {
     CDataBaseInfo info;
     EXPECT_EQ("", info.GetDataBaseFilePath());
-    EXPECT_EQ("", info.GetDataBaseVersionInfo());
-    std::string path = "C:\\data\\caf\xE9.db"; // Windows-1252: e with acute accent
-    std::string version = "v2 \xA9";           // copyright sign
+    std::string path = "C:\\data\\caf\xE9.db", version = "v2 \xA9"; // Windows-1252 e-acute, (c)
     info.SetDataBaseFilePath(path);
     info.SetDataBaseVersionInfo(version);
-    EXPECT_EQ("C:\\data\\caf\xE9.db", path); // arguments unchanged
-    EXPECT_EQ("C:\\data\\caf\xE9.db", info.GetDataBaseFilePath());
+    EXPECT_EQ("C:\\data\\caf\xE9.db", path); // argument unchanged
+    EXPECT_EQ("C:\\data\\caf\xE9.db", CDataBaseInfo(info).GetDataBaseFilePath());
     EXPECT_EQ("v2 \xA9", info.GetDataBaseVersionInfo());
-    CDataBaseInfo copy(info);
-    CDataBaseInfo assigned;
-    assigned = info;
-    EXPECT_EQ(info.GetDataBaseFilePath(), copy.GetDataBaseFilePath());
-    EXPECT_EQ(info.GetDataBaseVersionInfo(), assigned.GetDataBaseVersionInfo());
-
-    // The file itself is named in UTF-8: an ANSI e-acute becomes the two bytes C3 A9 on disk.
+    // The file itself is named in UTF-8: the ANSI e-acute becomes C3 A9 on disk.
     TempDir dir;
-    {
-        OpenDb c(dir / "caf\xE9.db");
-        c.Exec("CREATE TABLE t(x)");
-    }
-    EXPECT_TRUE(std::filesystem::exists(dir / "caf\xC3\xA9.db"));
-    EXPECT_FALSE(std::filesystem::exists(dir / "caf\xE9.db"));
+    OpenDb(dir / "caf\xE9.db").Exec("CREATE TABLE t(x)");
+    EXPECT_TRUE(fs::exists(dir / "caf\xC3\xA9.db"));
+    EXPECT_FALSE(fs::exists(dir / "caf\xE9.db"));
 }
 
-TEST(DatabaseConnection, NothingHappensWithoutAPath) {
+TEST(DatabaseConnection, FailureTableOfOpenExecSqlAndExecQuery) {
     TempDir dir;
-    CSqlLiteInternal db;
-    EXPECT_EQ(0, db.OpenSqlDB()); // before Init: no file is made
-    EXPECT_EQ(0, db.CloseDB());   // never opened
-    CDataBaseInfo empty;
-    EXPECT_EQ(0, db.Init(empty));
-    EXPECT_EQ(0, db.OpenSqlDB());
-    EXPECT_TRUE(FolderIsEmpty(dir.Path()));
-
-    // A refused Init keeps what an earlier one stored.
-    CDataBaseInfo info;
-    std::string path = dir / "kept.db";
+    CSqlLiteInternal never, closed;
+    EXPECT_EQ(0, closed.OpenSqlDB()); // before Init: no file is made
+    EXPECT_EQ(0, closed.CloseDB());   // never opened
+    CDataBaseInfo empty, info;
+    EXPECT_EQ(0, closed.Init(empty));
+    EXPECT_EQ(0, closed.OpenSqlDB());
+    // A refused Init keeps what an earlier one stored; Init alone opens nothing.
+    std::string path = dir / "closed.db";
     info.SetDataBaseFilePath(path);
-    EXPECT_EQ(1, db.Init(info));
-    EXPECT_TRUE(FolderIsEmpty(dir.Path())); // Init opens nothing
-    EXPECT_EQ(0, db.Init(empty));
-    ASSERT_EQ(1, db.OpenSqlDB());
-    EXPECT_TRUE(std::filesystem::exists(path));
-    EXPECT_EQ(1, db.CloseDB());
-    EXPECT_EQ(0, db.CloseDB()); // closed counts as never opened
-    DWORD code = 77;
-    std::string sql = "SELECT 1";
-    CSqlLiteQueryInternal q;
-    EXPECT_EQ(0, db.ExecSql(sql, code));
-    EXPECT_EQ(0, db.ExecQuery(sql, q, code));
-    EXPECT_EQ(77u, code);
-    EXPECT_EQ(0, q.GetCols());
-}
+    EXPECT_EQ(1, closed.Init(info));
+    EXPECT_EQ(0, closed.Init(empty));
+    EXPECT_TRUE(fs::is_empty(dir.Path()));
+    ASSERT_EQ(1, closed.OpenSqlDB());
+    EXPECT_TRUE(fs::exists(path));
+    EXPECT_EQ(1, closed.CloseDB());
+    EXPECT_EQ(0, closed.CloseDB()); // closed counts as never opened
 
-TEST(DatabaseConnection, FailedOpenLeavesOnlyAClose) {
-    TempDir dir;
-    CSqlLiteInternal db;
-    CDataBaseInfo info;
-    std::string path = dir / "missing-folder/x.db";
-    info.SetDataBaseFilePath(path);
-    ASSERT_EQ(1, db.Init(info));
-    EXPECT_EQ(0, db.OpenSqlDB());
-    EXPECT_FALSE(std::filesystem::exists(dir / "missing-folder"));
-    DWORD code = 77;
-    std::string sql = "CREATE TABLE t(x)";
-    EXPECT_EQ(0, db.ExecSql(sql, code));
-    EXPECT_NE(0u, code);        // SQLite answers on the failed handle with an error code
-    EXPECT_EQ(1, db.CloseDB()); // releases what sqlite3_open left behind
-    EXPECT_EQ(0, db.CloseDB());
-}
-
-TEST(DatabaseConnection, FailureTableOfExecSqlAndExecQuery) {
-    TempDir dir;
-    DWORD code = 77;
-    std::string select = "SELECT 1";
-
-    // No connection: 0, and neither the code nor the cursor is written.
-    CSqlLiteInternal closed;
-    CSqlLiteQueryInternal none;
-    EXPECT_EQ(0, closed.ExecSql(select, code));
-    EXPECT_EQ(0, closed.ExecQuery(select, none, code));
-    EXPECT_EQ(77u, code);
-    EXPECT_EQ(0, none.GetCols());
+    // A failed open (missing folder) creates nothing and leaves only a close to do.
+    CSqlLiteInternal failed;
+    std::string missing = dir / "missing-folder/x.db", create = "CREATE TABLE t(x)";
+    info.SetDataBaseFilePath(missing);
+    ASSERT_EQ(1, failed.Init(info));
+    EXPECT_EQ(0, failed.OpenSqlDB());
+    EXPECT_FALSE(fs::exists(dir / "missing-folder"));
+    DWORD code = kUntouched;
+    EXPECT_EQ(0, failed.ExecSql(create, code));
+    EXPECT_NE(0u, code);            // SQLite answers on the failed handle
+    EXPECT_EQ(1, failed.CloseDB()); // releases what sqlite3_open left behind
+    EXPECT_EQ(0, failed.CloseDB());
 
     OpenDb c(dir / "table.db");
-    CSqlLiteQueryInternal q; // after c, so it is finalized before c closes
     c.Exec("CREATE TABLE t(x INTEGER PRIMARY KEY, y TEXT); INSERT INTO t VALUES(1, 'one');");
-    ASSERT_EQ(100u, c.Query("SELECT y FROM t", q)); // a cursor on a row, to see it left alone
-
-    // Empty text: ExecSql runs nothing and succeeds; ExecQuery refuses without writing.
-    std::string empty;
-    code = 77;
-    EXPECT_EQ(1, c.db.ExecSql(empty, code));
-    EXPECT_EQ(0u, code);
-    code = 77;
-    EXPECT_EQ(0, c.db.ExecQuery(empty, q, code));
-    EXPECT_EQ(77u, code);
-
-    // Text that does not compile: SQLite's error from ExecSql, 0 from ExecQuery.
-    std::string bad = "SELEC y FROM t";
-    EXPECT_EQ(0, c.db.ExecSql(bad, code));
-    EXPECT_EQ(static_cast<DWORD>(SQLITE_ERROR), code);
-    code = 77;
-    EXPECT_EQ(0, c.db.ExecQuery(bad, q, code));
-    EXPECT_EQ(0u, code);
-
-    // A step that fails: the step's own code, cursor untouched.
-    std::string dup = "INSERT INTO t VALUES(1, 'again')";
-    EXPECT_EQ(0, c.db.ExecQuery(dup, q, code));
-    EXPECT_EQ(static_cast<DWORD>(SQLITE_CONSTRAINT), code);
-    EXPECT_EQ(0, c.db.ExecSql(dup, code));
-    EXPECT_EQ(static_cast<DWORD>(SQLITE_CONSTRAINT), code);
-
-    std::string s;
-    ASSERT_TRUE(q.GetStringField(0, s)); // still on the row it had
-    EXPECT_EQ("one", s);
-    EXPECT_EQ(1, q.GetCols());
-
-    // Success without rows, and with rows that ExecSql drops.
-    std::string insert = "INSERT INTO t VALUES(2, 'two')";
-    EXPECT_EQ(1, c.db.ExecSql(insert, code));
-    EXPECT_EQ(0u, code);
-    std::string update = "UPDATE t SET y = 'TWO' WHERE x = 2";
-    CSqlLiteQueryInternal u;
-    EXPECT_EQ(1, c.db.ExecQuery(update, u, code));
-    EXPECT_EQ(101u, code);
-    EXPECT_EQ(1, c.db.ExecSql(select, code));
-    EXPECT_EQ(0u, code);
-    std::string rows = "SELECT y FROM t WHERE x = 2";
-    CSqlLiteQueryInternal r;
-    EXPECT_EQ(1, c.db.ExecQuery(rows, r, code));
-    EXPECT_EQ(100u, code);
-    ASSERT_TRUE(r.GetStringField(0, s));
-    EXPECT_EQ("TWO", s);
+    CSqlLiteQueryInternal held; // on a row: every refused ExecQuery must leave it there
+    ASSERT_EQ(100u, c.Query("SELECT y FROM t", held));
+    const struct {
+        const char *what, *sql;
+        CSqlLiteInternal* db;
+        int sqlResult, queryResult;
+        DWORD sqlCode, queryCode;
+    } rows[] = {
+        {"never opened", "SELECT 1", &never, 0, 0, kUntouched, kUntouched},
+        {"closed", "SELECT 1", &closed, 0, 0, kUntouched, kUntouched},
+        {"empty text", "", &c.db, 1, 0, 0, kUntouched},
+        {"does not compile", "SELEC y FROM t", &c.db, 0, 0, SQLITE_ERROR, 0},
+        {"step fails", "INSERT INTO t VALUES(1, 'again')", &c.db, 0, 0, SQLITE_CONSTRAINT, SQLITE_CONSTRAINT},
+        {"no rows", "DELETE FROM t WHERE x = 2", &c.db, 1, 1, 0, 101},
+        {"rows", "SELECT y FROM t", &c.db, 1, 1, 0, 100},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.what);
+        std::string sql = r.sql, s;
+        code = kUntouched;
+        EXPECT_EQ(r.sqlResult, r.db->ExecSql(sql, code));
+        EXPECT_EQ(r.sqlCode, code);
+        CSqlLiteQueryInternal fresh;
+        code = kUntouched;
+        EXPECT_EQ(r.queryResult, r.db->ExecQuery(sql, r.queryResult ? fresh : held, code));
+        EXPECT_EQ(r.queryCode, code);
+        EXPECT_EQ(r.queryCode == 100 ? 1 : 0, fresh.GetCols());
+        ASSERT_TRUE(held.GetStringField(0, s));
+        EXPECT_EQ("one", s);
+    }
 }
 
 TEST(DatabaseConnection, ExecSqlRunsEveryStatementExecQueryTheFirst) {
@@ -174,7 +111,7 @@ TEST(DatabaseConnection, ExecSqlRunsEveryStatementExecQueryTheFirst) {
     EXPECT_EQ(1, ScalarInt(c, "SELECT length(x) FROM t WHERE typeof(x) = 'text'"));
 }
 
-TEST(DatabaseConnection, CloseWaitsForTheCursorsStatement) {
+TEST(DatabaseConnection, CloseFailsWhileACursorHoldsItsStatement) {
     TempDir dir;
     OpenDb c(dir / "close.db");
     c.Exec("CREATE TABLE t(x); INSERT INTO t VALUES(1),(2);");
@@ -185,15 +122,11 @@ TEST(DatabaseConnection, CloseWaitsForTheCursorsStatement) {
     int v = 0;
     ASSERT_TRUE(q.GetIntField(0, v));
     EXPECT_EQ(1, v);
-
     // A second query into the same cursor ends the statement it held, so one Finalize suffices.
     ASSERT_EQ(100u, c.Query("SELECT count(*) FROM t", q));
-    ASSERT_TRUE(q.GetIntField(0, v));
-    EXPECT_EQ(3, v);
     EXPECT_EQ(0, c.db.CloseDB());
     q.Finalize();
     EXPECT_EQ(1, c.db.CloseDB());
-
     // Reopening the same object finds the data.
     ASSERT_EQ(1, c.db.OpenSqlDB());
     EXPECT_EQ(3, ScalarInt(c, "SELECT count(*) FROM t"));
@@ -202,21 +135,17 @@ TEST(DatabaseConnection, CloseWaitsForTheCursorsStatement) {
 TEST(DatabaseConnection, CopiesShareOneConnectionThatOutlivesTheObject) {
     TempDir dir;
     CSqlLiteInternal keep;
+    DWORD code = kUntouched;
+    std::string insert5 = "INSERT INTO t VALUES(5)", insert6 = "INSERT INTO t VALUES(6)";
     {
         OpenDb c(dir / "share.db");
         c.Exec("CREATE TABLE t(x)");
         keep = c.db;
         CSqlLiteInternal copy(c.db);
-        DWORD code = 77;
-        std::string sql = "INSERT INTO t VALUES(5)";
-        EXPECT_EQ(1, copy.ExecSql(sql, code));
+        EXPECT_EQ(1, copy.ExecSql(insert5, code));
         EXPECT_EQ(5, ScalarInt(c, "SELECT x FROM t"));
-        // Forget the connection in c without closing it: c's own CloseDB must not run.
-        CSqlLiteInternal blank;
-        c.db = blank;
-    } // neither c nor copy closes the shared connection in a destructor
-    DWORD code = 77;
-    std::string sql = "INSERT INTO t VALUES(6)";
-    EXPECT_EQ(1, keep.ExecSql(sql, code));
+        c.db = CSqlLiteInternal(); // forget the connection without closing it
+    }                              // neither c nor copy closes the shared connection in a destructor
+    EXPECT_EQ(1, keep.ExecSql(insert6, code));
     EXPECT_EQ(1, keep.CloseDB());
 }

@@ -1,18 +1,22 @@
-// Helpers of the database tests: a library connection to a real file that is closed at the end of
-// the test, and SQL run through the library with a failing check on error.
+// Helpers of the database tests: a library connection to a real file, closed at the end of the test,
+// and a runner for real programs (the sqlite3 shell, the zoth tool).
 #pragma once
 
 #include "zoth/database/CDataBaseInfo.h"
 #include "zoth/database/CSqlLiteInternal.h"
 #include "zoth/database/CSqlLiteQueryInternal.h"
 
+#include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
+#include <sys/wait.h>
 
 namespace zoth_test {
 
-// A connection opened through Init and OpenSqlDB; closed when the object goes away, so a failing
-// test leaks nothing. Cursors declared after it are finalized before it closes.
+// A code value no call returns, to see that a call left the code alone.
+constexpr DWORD kUntouched = 77;
+
+// Opened through Init and OpenSqlDB; cursors declared after it are finalized before it closes.
 struct OpenDb {
     explicit OpenDb(const std::string& path) {
         ZOTH::CDataBaseInfo info;
@@ -25,15 +29,14 @@ struct OpenDb {
     OpenDb(const OpenDb&) = delete;
     OpenDb& operator=(const OpenDb&) = delete;
 
-    // Runs `sql` with ExecSql and expects success.
     void Exec(std::string sql) {
-        DWORD code = 12345;
+        DWORD code = kUntouched;
         EXPECT_EQ(1, db.ExecSql(sql, code)) << sql;
         EXPECT_EQ(0u, code) << sql;
     }
-    // Runs `sql` with ExecQuery into `query` and expects success; returns the code.
+    // ExecQuery into `query`, expected to succeed; returns the code (100 or 101).
     DWORD Query(std::string sql, ZOTH::CSqlLiteQueryInternal& query) {
-        DWORD code = 12345;
+        DWORD code = kUntouched;
         EXPECT_EQ(1, db.ExecQuery(sql, query, code)) << sql;
         return code;
     }
@@ -41,13 +44,25 @@ struct OpenDb {
     ZOTH::CSqlLiteInternal db;
 };
 
-// The first column of the first row of `sql`, read as an integer; -1 when there is none.
+// The first column of the first row of `sql` as an integer; -1 when there is none.
 inline long long ScalarInt(OpenDb& conn, const std::string& sql) {
     ZOTH::CSqlLiteQueryInternal q;
     conn.Query(sql, q);
     __int64 v = -1;
     if (!q.Eof()) q.GetInt64Field(0, v);
     return v;
+}
+
+// Runs a shell command: its exit status (-1 when it did not exit) and what it wrote to stdout.
+inline int RunCommand(const std::string& command, std::string& out) {
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return -1;
+    out.clear();
+    char buffer[4096];
+    for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
+        out.append(buffer, n);
+    int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 } // namespace zoth_test

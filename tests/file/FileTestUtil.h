@@ -1,5 +1,5 @@
-// Small helpers of the file tests: whole-file reads and writes through the standard library (so the
-// checks do not depend on the code under test), and running a check without root's privileges.
+// Helpers of the file tests: whole-file reads and writes through the standard library (so the checks
+// do not lean on the code under test), md5sum as the peer, and checks run without root's privileges.
 #pragma once
 
 #include <sys/stat.h>
@@ -15,15 +15,14 @@
 namespace zoth_test {
 
 inline std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
     std::ostringstream out;
-    out << in.rdbuf();
+    out << std::ifstream(path, std::ios::binary).rdbuf();
     return out.str();
 }
 
 inline void Spit(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc)
+        .write(bytes.data(), std::streamsize(bytes.size()));
 }
 
 inline bool Exists(const std::string& path) {
@@ -31,9 +30,18 @@ inline bool Exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
+inline std::string Md5sumOf(const std::string& path) {
+    FILE* pipe = ::popen(("md5sum '" + path + "'").c_str(), "r");
+    if (pipe == nullptr) return "";
+    char digest[33] = {};
+    size_t n = fread(digest, 1, 32, pipe);
+    ::pclose(pipe);
+    return std::string(digest, n);
+}
+
 // Runs `check` in a child process as the unprivileged user nobody (65534) when the test runs as root,
-// or as the current user otherwise. The child's answer comes back through its exit code: true when
-// `check` returned true. Returns -1 when the child could not drop its privileges.
+// else as the current user: 1 when `check` returned true, 0 when false, -1 when the child could not
+// drop its privileges.
 inline int RunUnprivileged(const std::function<bool()>& check) {
     pid_t child = ::fork();
     if (child == 0) {
@@ -42,23 +50,7 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
     }
     int status = 0;
     if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
-    if (WEXITSTATUS(status) == 3) return -1;
-    return WEXITSTATUS(status) == 0 ? 1 : 0;
-}
-
-} // namespace zoth_test
-
-namespace zoth_test {
-
-// The digest as the system's md5sum tool reports it, the peer the tests compare against.
-inline std::string Md5sumOf(const std::string& path) {
-    std::string command = "md5sum '" + path + "'";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    if (pipe == nullptr) return "";
-    char digest[33] = {};
-    size_t n = fread(digest, 1, 32, pipe);
-    ::pclose(pipe);
-    return std::string(digest, n);
+    return WEXITSTATUS(status) == 3 ? -1 : WEXITSTATUS(status) == 0 ? 1 : 0;
 }
 
 } // namespace zoth_test

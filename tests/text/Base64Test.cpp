@@ -7,19 +7,21 @@
 #include <string>
 
 using ZOTH::STRING_UTIL;
+using std::string_literals::operator""s;
 
-TEST(TextBase64, EncodeShape) {
+TEST(TextBase64, Encode) {
+    // The missing bits of a last partial group are zero.
+    const struct {
+        std::string bytes, text;
+    } cases[] = {
+        {"f", "Zg=="},        {"fo", "Zm8="},        {"foo", "Zm9v"},
+        {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+        {"\0\0\0"s, "AAAA"},  {"\0"s, "AA=="},       {"\xFB\xFF\xBF", "+/+/"},
+        {"\xFF", "/w=="},
+    };
     EXPECT_EQ(STRING_UTIL::Base64Encode(""), "");
-    EXPECT_EQ(STRING_UTIL::Base64Encode("f"), "Zg==");
-    EXPECT_EQ(STRING_UTIL::Base64Encode("fo"), "Zm8=");
-    EXPECT_EQ(STRING_UTIL::Base64Encode("foo"), "Zm9v");
-    EXPECT_EQ(STRING_UTIL::Base64Encode("foob"), "Zm9vYg==");
-    EXPECT_EQ(STRING_UTIL::Base64Encode("fooba"), "Zm9vYmE=");
-    EXPECT_EQ(STRING_UTIL::Base64Encode("foobar"), "Zm9vYmFy");
-    EXPECT_EQ(STRING_UTIL::Base64Encode(std::string(3, '\0')), "AAAA");
-    EXPECT_EQ(STRING_UTIL::Base64Encode(std::string(1, '\0')), "AA==");
-    EXPECT_EQ(STRING_UTIL::Base64Encode("\xFB\xFF\xBF"), "+/+/"); // the two last alphabet characters
-    EXPECT_EQ(STRING_UTIL::Base64Encode("\xFF"), "/w==");         // missing bits are zero
+    for (const auto& c : cases)
+        EXPECT_EQ(STRING_UTIL::Base64Encode(c.bytes), c.text);
 
     // A long input goes through the block paths; expected text made with the base64 command.
     std::string steps;
@@ -31,9 +33,8 @@ TEST(TextBase64, EncodeShape) {
         STRING_UTIL::Base64Encode(steps),
         "AAUKDxQZHiMoLTI3PEFGS1BVWl9kaW5zeH2Ch4yRlpugpaqvtLm+w8jN0tfc4ebr8PX6///48erj3NXOx8C5squknZaPiIF6c2xl"
         "XldQSUI7NC0mHxgRCgM=");
-
     // Length always a multiple of 4, no line break however long.
-    for (size_t n : {1u, 2u, 3u, 57u, 58u, 76u, 1000u, 100000u}) {
+    for (size_t n : {57u, 58u, 76u, 100000u}) {
         std::string text = STRING_UTIL::Base64Encode(std::string(n, '\xAB'));
         EXPECT_EQ(text.size(), (n + 2) / 3 * 4) << n;
         EXPECT_EQ(text.find_first_of("\r\n"), std::string::npos) << n;
@@ -46,54 +47,31 @@ TEST(TextBase64, RoundTripRandomBytesWithNuls) {
         std::string bytes(n, '\0');
         for (auto& b : bytes)
             b = static_cast<char>(random() % 4 == 0 ? 0 : random() & 0xFF); // many NULs
-        std::string text = STRING_UTIL::Base64Encode(bytes);
-        ASSERT_EQ(text.size(), (n + 2) / 3 * 4);
-        ASSERT_EQ(STRING_UTIL::Base64Decode(text), bytes) << "length " << n;
+        ASSERT_EQ(STRING_UTIL::Base64Decode(STRING_UTIL::Base64Encode(bytes)), bytes) << "length " << n;
     }
     std::string big(1 << 20, '\0');
     for (auto& b : big)
         b = static_cast<char>(random());
     EXPECT_EQ(STRING_UTIL::Base64Decode(STRING_UTIL::Base64Encode(big)), big);
-    // Every byte value survives.
-    std::string all;
-    for (int b = 0; b < 256; ++b)
-        all += static_cast<char>(b);
-    EXPECT_EQ(STRING_UTIL::Base64Decode(STRING_UTIL::Base64Encode(all)), all);
 }
 
-TEST(TextBase64, DecodeRejectsWholeText) {
-    EXPECT_EQ(STRING_UTIL::Base64Decode(""), "");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("Q"), "");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("QQ"), "");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("QQE"), "");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("Zm9vYmFy="), ""); // length not a multiple of 4
-    EXPECT_EQ(STRING_UTIL::Base64Decode("Zm9v YmE="), ""); // still 9 characters
-    // One bad character anywhere fails the whole text, nothing partial.
-    for (const char* bad : {"Zm9vYm y", "Zm9v\nmFy", "Zm9vYm-y", "Zm9vYm_y", "Zm9vYm\xC3y", "\x80m9vYmFy"})
+TEST(TextBase64, DecodeRulesAndQuirks) {
+    // Input ends at the first NUL; the low bits of the last real character are ignored; "=" away from
+    // the final padding counts as 255 in 8-bit arithmetic; NUL bytes decode by count.
+    const struct {
+        std::string text, bytes;
+    } cases[] = {
+        {"Zm9vYmFy", "foobar"},  {"Zg==", "f"},         {"Zm8=", "fo"},      {"Zm9v\0YmFy"s, "foo"},
+        {"Zm9\0"s, ""},          {"QR==", "A"},         {"Zm9=", "fo"},      {"====", "\x0B"},
+        {"AA=A", "\0\x3F\xC0"s}, {"=AAA", "\xFC\0\0"s}, {"AAAA", "\0\0\0"s}, {"AAAAQQ==", "\0\0\0A"s},
+    };
+    EXPECT_EQ(STRING_UTIL::Base64Decode("A=AAZm9v"), "\x0F\xF0\0foo"s);
+    for (const auto& c : cases)
+        EXPECT_EQ(STRING_UTIL::Base64Decode(c.text), c.bytes) << c.text;
+    // A length that is no multiple of 4, or one bad character anywhere: nothing, not a piece.
+    for (const char* bad : {"", "Q", "QQ", "QQE", "Zm9vYmFy=", "Zm9v YmE=", "Zm9vYm y", "Zm9v\nmFy",
+                            "Zm9vYm-y", "Zm9vYm_y", "Zm9vYm\xC3y", "\x80m9vYmFy"})
         EXPECT_EQ(STRING_UTIL::Base64Decode(bad), "") << bad;
-}
-
-TEST(TextBase64, DecodeQuirks) {
-    EXPECT_EQ(STRING_UTIL::Base64Decode("Zm9vYmFy"), "foobar");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("Zg=="), "f");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("Zm8="), "fo");
-    // Input ends at the first NUL: the first group only.
-    EXPECT_EQ(STRING_UTIL::Base64Decode(std::string("Zm9v\0YmFy", 9)), "foo");
-    EXPECT_EQ(STRING_UTIL::Base64Decode(std::string("Zm9\0", 4)), "");
-    // The low bits of the last real character are ignored.
-    EXPECT_EQ(STRING_UTIL::Base64Decode("QR=="), "A");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("QQ=="), "A");
-    EXPECT_EQ(STRING_UTIL::Base64Decode("Zm9="), "fo");
-    // "=" away from the final padding counts as 255 in 8-bit arithmetic.
-    EXPECT_EQ(STRING_UTIL::Base64Decode("===="), std::string("\x0B", 1));
-    EXPECT_EQ(STRING_UTIL::Base64Decode("AA=A"), std::string("\x00\x3F\xC0", 3));
-    EXPECT_EQ(STRING_UTIL::Base64Decode("=AAA"), std::string("\xFC\x00\x00", 3));
-    EXPECT_EQ(STRING_UTIL::Base64Decode("A=AAZm9v"), std::string("\x0F\xF0\x00"
-                                                                 "foo",
-                                                                 6));
-    // NUL bytes decode by count, not cut at the first one.
-    EXPECT_EQ(STRING_UTIL::Base64Decode("AAAA"), std::string(3, '\0'));
-    EXPECT_EQ(STRING_UTIL::Base64Decode("AAAAQQ=="), std::string("\0\0\0A", 4));
 
     // Long texts go through the block paths: every alphabet character, and a block holding "=" or a
     // bad byte somewhere in the middle.
@@ -102,7 +80,7 @@ TEST(TextBase64, DecodeQuirks) {
     EXPECT_EQ(STRING_UTIL::Base64Encode(STRING_UTIL::Base64Decode(text)), text);
     std::string blocks(64, 'A');
     EXPECT_EQ(STRING_UTIL::Base64Decode(blocks + "AA=A" + blocks),
-              std::string(48, '\0') + std::string("\x00\x3F\xC0", 3) + std::string(48, '\0'));
+              std::string(48, '\0') + "\x00\x3F\xC0"s + std::string(48, '\0'));
     for (size_t at : {0u, 5u, 17u, 31u, 64u, 100u, 131u}) {
         std::string bad = blocks + blocks + "AAAA";
         bad[at] = '.';
