@@ -25,14 +25,10 @@ CHttpClientCurl::CHttpClientCurl()
       m_bSpeedTestRunning(false), m_bStopRequested(false), m_dwTimeOutMax(30000), m_pCurl(nullptr),
       m_resultCode(CURLE_OK), m_pHeaderList(nullptr) {}
 
-CHttpClientCurl::CHttpClientCurl(const CHttpClientCurl& other)
-    : m_dwStartTime(other.m_dwStartTime), m_dwEndTime(other.m_dwEndTime),
-      m_nSpeedTimeLimit(other.m_nSpeedTimeLimit), m_dwTotalSize(other.m_dwTotalSize),
-      m_dNetSpeed(other.m_dNetSpeed), m_bSpeedTestRunning(other.m_bSpeedTestRunning),
-      m_bStopRequested(other.m_bStopRequested.load()), m_strResponseHeaders(other.m_strResponseHeaders),
-      m_strResponseBody(other.m_strResponseBody), m_dwTimeOutMax(other.m_dwTimeOutMax), m_pCurl(nullptr),
-      m_resultCode(other.m_resultCode), m_pHeaderList(nullptr), m_vecCustomHeaders(other.m_vecCustomHeaders),
-      m_progressObserver(other.m_progressObserver) {}
+// A copy takes the settings and the last results; it starts with no handle of its own.
+CHttpClientCurl::CHttpClientCurl(const CHttpClientCurl& other) : CHttpClientCurl() {
+    *this = other;
+}
 
 CHttpClientCurl& CHttpClientCurl::operator=(const CHttpClientCurl& other) {
     if (this == &other) return *this;
@@ -54,8 +50,7 @@ CHttpClientCurl& CHttpClientCurl::operator=(const CHttpClientCurl& other) {
 }
 
 CHttpClientCurl::~CHttpClientCurl() {
-    if (m_pCurl != nullptr) curl_easy_cleanup(m_pCurl);
-    if (m_pHeaderList != nullptr) curl_slist_free_all(m_pHeaderList);
+    Clear();
 }
 
 int CHttpClientCurl::InitCurl() {

@@ -62,6 +62,26 @@ Str& ReplaceRepeated(Str& text, const Str& oldValue, const Str& newValue, unsign
     return text;
 }
 
+// The formatting of StdFormatA / StdFormatW: one measuring pass over a copy of the arguments, then
+// one pass straight into the result's own storage (its terminator slot takes the final NUL).
+template <typename Char, typename Measure, typename Print>
+std::basic_string<Char> FormatV(const Char* format, va_list args, Measure measure, Print print) {
+    va_list copy;
+    va_copy(copy, args);
+    int length = measure(format, copy);
+    va_end(copy);
+    std::basic_string<Char> result;
+    if (length < 0) return result;
+    try {
+        result.resize(static_cast<size_t>(length));
+    } catch (const std::bad_alloc&) {
+        return std::basic_string<Char>();
+    }
+    if (print(result.data(), result.size() + 1, format, args) < 0) return std::basic_string<Char>();
+    result.resize(std::char_traits<Char>::length(result.c_str()));
+    return result;
+}
+
 } // namespace
 
 void STRING_UTIL::SplitStringA(const std::string& text, char separator, std::vector<std::string>& pieces,
@@ -99,25 +119,14 @@ std::wstring& STRING_UTIL::ReplaceAllDistinct(std::wstring& text, const std::wst
     return ReplaceDistinctFrom(text, oldValue, newValue, 0);
 }
 
-// One measuring pass, one buffer of exactly that size, one formatting pass over a copy of the
-// arguments; "" for a null format, a failed pass or a failed allocation. The text ends at its first NUL.
+// "" for a null format, a failed pass or a failed allocation. The text ends at its first NUL.
 std::string STRING_UTIL::StdFormatA(const char* format, ...) {
     if (format == nullptr) return std::string();
     va_list args;
     va_start(args, format);
-    va_list measure;
-    va_copy(measure, args);
-    int length = std::vsnprintf(nullptr, 0, format, measure);
-    va_end(measure);
-    std::string result;
-    if (length >= 0) {
-        size_t capacity = static_cast<size_t>(length) + 1;
-        char* buffer = new (std::nothrow) char[capacity]();
-        if (buffer != nullptr) {
-            if (std::vsnprintf(buffer, capacity, format, args) >= 0) result = buffer;
-            delete[] buffer;
-        }
-    }
+    std::string result = FormatV(
+        format, args, [](const char* f, va_list a) { return std::vsnprintf(nullptr, 0, f, a); },
+        [](char* out, size_t room, const char* f, va_list a) { return std::vsnprintf(out, room, f, a); });
     va_end(args);
     return result;
 }
@@ -127,19 +136,11 @@ std::wstring STRING_UTIL::StdFormatW(const wchar_t* format, ...) {
     if (format == nullptr) return std::wstring();
     va_list args;
     va_start(args, format);
-    va_list measure;
-    va_copy(measure, args);
-    int length = _vscwprintf(format, measure);
-    va_end(measure);
-    std::wstring result;
-    if (length >= 0) {
-        size_t capacity = static_cast<size_t>(length) + 1;
-        wchar_t* buffer = new (std::nothrow) wchar_t[capacity]();
-        if (buffer != nullptr) {
-            if (std::vswprintf(buffer, capacity, format, args) >= 0) result = buffer;
-            delete[] buffer;
-        }
-    }
+    std::wstring result = FormatV(
+        format, args, [](const wchar_t* f, va_list a) { return _vscwprintf(f, a); },
+        [](wchar_t* out, size_t room, const wchar_t* f, va_list a) {
+            return std::vswprintf(out, room, f, a);
+        });
     va_end(args);
     return result;
 }
