@@ -46,12 +46,9 @@ soname=$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
 readelf -S "$lib" | grep -q '\.debug_info' || fail "$lib has no debug information (build it with -g)"
 baseline=abi/$soname.abi
 
-# Only the types of the public headers count; the standard library's own are not ours to guard.
-abi_filter=(--headers-dir "$repo/include" --drop-private-types)
-
 # record FILE: abidw's description of the library, with the build tree's path cut from it.
 record() {
-  abidw "${abi_filter[@]}" --no-corpus-path --no-show-locs --type-id-style hash "$lib" >"$1.tmp"
+  abidw --no-corpus-path --no-show-locs --type-id-style hash "$lib" >"$1.tmp"
   sed "s|$repo/||g" "$1.tmp" >"$1"
   rm -f "$1.tmp"
 }
@@ -62,7 +59,7 @@ compare() {
   local base=$1
   shift
   diff_rc=0
-  report=$(abidiff --headers-dir2 "$repo/include" --drop-private-types "$@" "$base" "$lib") || diff_rc=$?
+  report=$(abidiff "$@" "$base" "$lib") || diff_rc=$?
   if ((diff_rc & 3)); then
     echo "check-abi: abidiff could not compare $base with $lib (status $diff_rc)" >&2
     exit 1
