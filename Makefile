@@ -38,7 +38,7 @@ docs: deps
 package: library
 	bash scripts/check-debs.sh build/release
 
-# Records the ABI baseline abi/<soname>.abi from the release build. Refuses an incompatible
-# replacement of the same major version; FORCE=1 overrides that, before a release only.
+# Records the ABI baseline abi/<soname>.abi from the release build. Once the major version is
+# released (tag vX.0.0), refuses an incompatible replacement of its baseline; FORCE=1 overrides.
 abi-baseline: library
 	bash scripts/check-abi.sh --renew $(if $(FORCE),--force) build/release/libZOTHCommonDll.so

@@ -10,10 +10,10 @@
 #
 # usage: scripts/check-abi.sh [LIBRARY]              check (default build/release/libZOTHCommonDll.so)
 #        scripts/check-abi.sh --renew [--force] [LIBRARY]
-#   --renew records abi/<soname>.abi from LIBRARY and drops the baselines of older sonames. It refuses
-#   to replace a baseline of the same soname with an incompatible one (that would break the clients
-#   of this major version: raise the major version instead) unless --force is given, which is meant
-#   only for a version not yet released.
+#   --renew records abi/<soname>.abi from LIBRARY and drops the baselines of older sonames. Once the
+#   major version is released (its tag vX.0.0 exists), it refuses to replace a baseline of the same
+#   soname with an incompatible one, which would break that version's clients: raise the major
+#   version instead. --force overrides that.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
@@ -71,8 +71,12 @@ if [ "$renew" = 1 ]; then
     compare "$baseline" --no-added-syms
     if ((diff_rc & 12)); then
       echo "$report"
-      fail "$lib is incompatible with the $soname baseline: raise the major version in CMakeLists.txt" \
-        "(a new soname) and renew then, or keep the layout (see README, \"ABI\"). --force only before a release."
+      major=${soname##*.so.}
+      if git rev-parse -q --verify "refs/tags/v$major.0.0" >/dev/null; then
+        fail "$lib is incompatible with the released $soname baseline (tag v$major.0.0): raise the major" \
+          "version in CMakeLists.txt (a new soname) and renew then, or keep the layout (README, \"ABI\")."
+      fi
+      echo "check-abi: the changes above replace the baseline of $soname, which is not released yet (no tag v$major.0.0)"
     fi
   fi
   mkdir -p abi
