@@ -14,15 +14,17 @@ target_compile_features(ZOTHCommonDll INTERFACE cxx_std_20)
 # Installed, the target is ZOTH::Common, the same name as the alias in the build tree.
 set_target_properties(ZOTHCommonDll PROPERTIES EXPORT_NAME Common)
 
+# Components, one per Debian package (cmake/Package.cmake): runtime (the library under its soname),
+# development (headers, the .so link, CMake package, pkg-config file) and tool (zoth).
 install(TARGETS ZOTHCommonDll EXPORT ZOTHCommonTargets
-  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # By folder, so every header a subsystem adds under include/zoth/ is installed without an edit here.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/zoth
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development
   FILES_MATCHING PATTERN "*.h")
 
 if(TARGET zoth)
@@ -30,13 +32,13 @@ if(TARGET zoth)
   file(RELATIVE_PATH _zoth_bin_to_lib
     ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR} ${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_LIBDIR})
   set_target_properties(zoth PROPERTIES INSTALL_RPATH "$ORIGIN/${_zoth_bin_to_lib}")
-  install(TARGETS zoth RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS zoth RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tool)
 endif()
 
 install(EXPORT ZOTHCommonTargets
   NAMESPACE ZOTH::
   FILE ZOTHCommonTargets.cmake
-  DESTINATION ${ZOTH_INSTALL_CMAKEDIR})
+  DESTINATION ${ZOTH_INSTALL_CMAKEDIR} COMPONENT development)
 
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/ZOTHCommonConfig.cmake.in
   ${PROJECT_BINARY_DIR}/ZOTHCommonConfig.cmake
@@ -47,7 +49,7 @@ write_basic_package_version_file(${PROJECT_BINARY_DIR}/ZOTHCommonConfigVersion.c
 install(FILES
   ${PROJECT_BINARY_DIR}/ZOTHCommonConfig.cmake
   ${PROJECT_BINARY_DIR}/ZOTHCommonConfigVersion.cmake
-  DESTINATION ${ZOTH_INSTALL_CMAKEDIR})
+  DESTINATION ${ZOTH_INSTALL_CMAKEDIR} COMPONENT development)
 
 # pkg-config paths are written relative to ${prefix}, so the file stays right in a moved prefix.
 file(RELATIVE_PATH ZOTH_PC_LIBDIR_FROM_PCDIR
@@ -56,4 +58,6 @@ string(REGEX REPLACE "/$" "" ZOTH_PC_LIBDIR_FROM_PCDIR "${ZOTH_PC_LIBDIR_FROM_PC
 set(ZOTH_PC_LIBDIR ${CMAKE_INSTALL_LIBDIR})
 set(ZOTH_PC_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR})
 configure_file(${CMAKE_CURRENT_LIST_DIR}/zoth-common.pc.in ${PROJECT_BINARY_DIR}/zoth-common.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/zoth-common.pc DESTINATION ${ZOTH_INSTALL_PKGCONFIGDIR})
+install(FILES ${PROJECT_BINARY_DIR}/zoth-common.pc DESTINATION ${ZOTH_INSTALL_PKGCONFIGDIR} COMPONENT development)
+
+include(${CMAKE_CURRENT_LIST_DIR}/Package.cmake)

@@ -4,8 +4,11 @@
 # pkg-config, then runs them. Any step that goes wrong stops the check with a FAILED line.
 #
 # usage: scripts/check-package.sh [BUILD_DIR]
+#        scripts/check-package.sh --debs DEB_DIR
 #   Without BUILD_DIR the release preset is configured and built (incrementally) and build/release is
-#   installed; with it, that existing build folder is installed as it is.
+#   installed; with it, that existing build folder is installed as it is. With --debs the Debian
+#   packages in DEB_DIR (scripts/check-debs.sh) are extracted with dpkg-deb -x into a throwaway root,
+#   whose usr/ is the prefix.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
@@ -20,11 +23,14 @@ fail() {
 }
 step() { echo "=== check-package: $*"; }
 
-if [ $# -gt 1 ]; then
-  echo "usage: scripts/check-package.sh [BUILD_DIR]" >&2
+debs=""
+if [ $# -eq 2 ] && [ "$1" = --debs ]; then
+  debs=$2
+  [ -d "$debs" ] || fail "$debs is not a folder"
+elif [ $# -gt 1 ]; then
+  echo "usage: scripts/check-package.sh [BUILD_DIR | --debs DEB_DIR]" >&2
   exit 2
-fi
-if [ $# -eq 1 ]; then
+elif [ $# -eq 1 ]; then
   build=$1
   [ -f "$build/CMakeCache.txt" ] || fail "$build is not a configured build folder"
 else
@@ -45,9 +51,21 @@ cleanup() {
 }
 trap cleanup EXIT
 
-prefix=$tmp/prefix
-step "install $build into $prefix"
-cmake --install "$build" --prefix "$prefix" >"$tmp/install.log" || { cat "$tmp/install.log"; fail "cmake --install"; }
+if [ -n "$debs" ]; then
+  # As dpkg would lay the packages out, minus the maintainer scripts (ldconfig), in a root of our own.
+  prefix=$tmp/root/usr
+  mapfile -t packages < <(find "$debs" -maxdepth 1 -name '*.deb' | LC_ALL=C sort)
+  [ ${#packages[@]} -gt 0 ] || fail "no .deb files in $debs"
+  for deb in "${packages[@]}"; do
+    step "extract $(basename "$deb") into $tmp/root"
+    dpkg-deb -x "$deb" "$tmp/root" || fail "dpkg-deb -x $deb"
+    [ -f "$tmp/root/usr/share/doc/$(dpkg-deb -f "$deb" Package)/copyright" ] || fail "$deb has no copyright file"
+  done
+else
+  prefix=$tmp/prefix
+  step "install $build into $prefix"
+  cmake --install "$build" --prefix "$prefix" >"$tmp/install.log" || { cat "$tmp/install.log"; fail "cmake --install"; }
+fi
 
 # --- The installed layout ---------------------------------------------------------------------------
 libfile=$(find "$prefix" -name 'libZOTHCommonDll.so.*.*.*' -type f | head -n 1)
@@ -193,5 +211,5 @@ for mode in cmake pkgconfig; do
   done
 done
 
-echo "check-package: all passed (${EXAMPLES[*]}; find_package and pkg-config)"
+echo "check-package: all passed (${EXAMPLES[*]}; find_package and pkg-config${debs:+; from the packages in $debs})"
 cd "$repo"

@@ -10,6 +10,7 @@ PACKAGES=(
   sqlite3 curl openssl
   clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix
+  doxygen lintian abigail-tools dpkg-dev fakeroot
 )
 
 missing=()

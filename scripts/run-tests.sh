@@ -32,3 +32,13 @@ echo "=== windows: syntax check of the library against <windows.h> (mingw-w64)"
 bash scripts/check-windows.sh
 run_preset debug-asan
 run_preset tsan
+# Reference, packages and ABI, over the release build made above.
+echo "=== docs: every public member of the five subsystems documented (Doxygen, warnings as errors)"
+bash scripts/check-docs.sh
+bash scripts/build-docs.sh build/docs
+echo "=== debs: Debian packages of the release build, lintian without errors"
+bash scripts/check-debs.sh build/release
+echo "=== debs: the packages extracted into a throwaway root, both examples built and run against it"
+bash scripts/check-package.sh --debs build/release/packages
+echo "=== abi: the release library against its baseline in abi/"
+bash scripts/check-abi.sh build/release/libZOTHCommonDll.so

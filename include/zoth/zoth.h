@@ -1,4 +1,5 @@
-// The whole public interface of ZOTH Common in one include.
+/// \file
+/// The whole public interface of ZOTH Common in one include.
 #pragma once
 
 #include "zoth/platform/MemoryHint.h"
@@ -31,3 +32,9 @@
 #include "zoth/file/CPathHelper.h"
 
 #include "zoth/http/CHttpClientCurl.h"
+
+/// Every class of ZOTH Common: the HTTP client (CHttpClientCurl), tasks, threads and timers
+/// (CSimpleThread, CTaskBase, CTesselControlBase, CTimerBase, CThreadTimer), the local database
+/// (CDataBaseInfo, CSqlLiteInternal, CSqlLiteQueryInternal), files and directories (CFileHepler,
+/// CPathHelper), and text, encoding and time (STRING_UTIL, CTimeHelper).
+namespace ZOTH {}

@@ -1,7 +1,4 @@
-// CSqlLiteInternal: one connection to a SQLite database file. Init names the file, OpenSqlDB opens
-// it with a bounded busy wait (about 210 ms), ExecSql and ExecQuery run the caller's UTF-8 SQL, and
-// CloseDB closes it. The destructor does NOT close the connection: call CloseDB. Copies share the
-// connection; nothing counts references.
+// CSqlLiteInternal: one connection to a SQLite database file.
 #pragma once
 
 #include "zoth/database/CDataBaseInfo.h"
@@ -13,28 +10,39 @@
 
 namespace ZOTH {
 
+/// One connection to a SQLite database file: Init names the file, OpenSqlDB opens it with a bounded
+/// busy wait (about 210 ms), ExecSql and ExecQuery run the caller's UTF-8 SQL, CloseDB closes it.
+///
+/// The destructor does NOT close the connection: call CloseDB. Copies share the connection and
+/// nothing counts references, so exactly one of them may close it. The object takes no lock: use
+/// it, its copies and its cursors from one thread at a time (SQLite's own serialisation applies).
 class ZOTH_API CSqlLiteInternal {
 public:
+    /// Not open, nothing stored.
     CSqlLiteInternal();
-    CSqlLiteInternal(const CSqlLiteInternal& other);            // shares the connection
-    CSqlLiteInternal& operator=(const CSqlLiteInternal& other); // shares it; closes nothing
+    /// Shares the connection (and copies what Init stored); closes nothing.
+    CSqlLiteInternal(const CSqlLiteInternal& other);
+    /// Shares the other's connection; the target's own connection is not closed (CloseDB it first).
+    CSqlLiteInternal& operator=(const CSqlLiteInternal& other);
+    /// Leaves the connection open: CloseDB is the caller's.
     virtual ~CSqlLiteInternal();
 
-    // Stores the path and version of `info`. 1; 0 with nothing stored when the path is empty.
+    /// Stores the path and version of `info`. 1; 0 with nothing stored when the path is empty.
     int Init(CDataBaseInfo& info);
-    // Opens (creating if missing) the stored file and installs the bounded busy handler. 0 when no
-    // path is stored (no file touched) or SQLite fails; then only CloseDB may follow.
+    /// Opens (creating if missing) the stored file and installs the bounded busy handler. 1 when
+    /// open; 0 when no path is stored (no file touched) or SQLite fails, and then only CloseDB may
+    /// follow.
     int OpenSqlDB();
-    // Closes the connection (sqlite3_close). 1 on success, after which the object counts as never
-    // opened; 0 with no connection, or while a statement of it is not finalized (it stays usable).
+    /// Closes the connection (sqlite3_close). 1 on success, after which the object counts as never
+    /// opened; 0 with no connection, or while a statement of it is not finalized (it stays usable).
     int CloseDB();
-    // Runs every statement of `sql`, dropping rows. 1 with `code` 0 on success (also for empty
-    // text), else 0 with SQLite's code. 0 with `code` untouched when not open.
+    /// Runs every statement of `sql` (UTF-8), dropping rows. 1 with `code` 0 on success (also for
+    /// empty text), else 0 with SQLite's code in `code`. 0 with `code` untouched when not open.
     int ExecSql(std::string& sql, DWORD& code);
-    // Compiles the first statement of `sql`, steps it once and hands it to `query` (a statement the
-    // cursor held is finalized first). 1 with `code` 100 (on a row) or 101 (no rows). 0 on failure
-    // with `code` the step's error, or 0 when the text does not compile, and `query` untouched.
-    // 0 with `code` untouched when not open or `sql` is empty.
+    /// Compiles the first statement of `sql` (UTF-8), steps it once and hands it to `query`, which
+    /// owns it from then on (a statement the cursor held is finalized first). 1 with `code` 100 (on a
+    /// row) or 101 (no rows). 0 on failure with `code` the step's error, or 0 when the text does not
+    /// compile, and `query` untouched. 0 with `code` untouched when not open or `sql` is empty.
     int ExecQuery(std::string& sql, CSqlLiteQueryInternal& query, DWORD& code);
 
 private:

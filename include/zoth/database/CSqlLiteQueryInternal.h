@@ -1,7 +1,4 @@
-// CSqlLiteQueryInternal: a cursor over the rows of one compiled SQLite statement. The statement
-// arrives already stepped once (see CSqlLiteInternal::ExecQuery), so the first row is current at
-// once. Read while Eof() is false, then NextRow(); Finalize() or the destructor ends the statement.
-// Text comes out as SQLite gives it, in UTF-8, cut at its first NUL byte.
+// CSqlLiteQueryInternal: a cursor over the rows of one compiled SQLite statement.
 #pragma once
 
 #include "zoth/platform/Win32Types.h"
@@ -11,64 +8,83 @@
 
 namespace ZOTH {
 
+/// A cursor over the rows of one compiled SQLite statement. The statement arrives already stepped
+/// once (see CSqlLiteInternal::ExecQuery), so the first row is current at once: read while Eof() is
+/// false, then NextRow(); Finalize() or the destructor ends the statement. Text comes out as SQLite
+/// gives it, in UTF-8, cut at its first NUL byte.
+///
+/// The cursor owns its statement (a copy does not); the connection stays the CSqlLiteInternal's and
+/// must outlive the cursor's statement. No lock: one thread at a time, the connection's thread.
 class ZOTH_API CSqlLiteQueryInternal {
 public:
+    /// Holds no statement: Eof() is true and every reader answers false.
     CSqlLiteQueryInternal();
-    // A copy addresses the same statement but does not own it: only the original finalizes it, and
-    // a copy must not be used after that.
+    /// A copy addresses the same statement but does not own it: only the original finalizes it, and
+    /// a copy must not be used after that.
     CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other);
-    // As the copy, except that an owner assigned its own statement stays the owner. A different
-    // statement the target held is not finalized: call Finalize first.
+    /// As the copy, except that an owner assigned its own statement stays the owner. A different
+    /// statement the target held is not finalized: call Finalize first.
     CSqlLiteQueryInternal& operator=(const CSqlLiteQueryInternal& other);
-    // Finalizes the statement if this cursor owns one.
+    /// Finalizes the statement if this cursor owns one.
     virtual ~CSqlLiteQueryInternal();
 
-    // Takes over `stmt` of connection `db`, positioned on a row (`eof` false) or at its end (`eof`
-    // true), and owns it from now on. Takes no step. 0 with nothing changed when either is null.
+    /// Takes over `stmt` of connection `db`, positioned on a row (`eof` false) or at its end (`eof`
+    /// true), and owns it from now on. Takes no step. 0 with nothing changed when either is null.
     int InitSqlLiteQuery(sqlite3* db, sqlite3_stmt* stmt, bool eof);
-    // True at the end of the rows, and whenever no statement is held (fresh, finalized, failed).
+    /// True at the end of the rows, and whenever no statement is held (fresh, finalized, failed).
     bool Eof();
-    // Steps to the next row; at SQLITE_DONE Eof() becomes true. On any error the statement is
-    // released (finalized by its owner) and the error code is dropped. Nothing without a statement.
+    /// Steps to the next row; at SQLITE_DONE Eof() becomes true. On any error the statement is
+    /// released (finalized by its owner) and the error code is dropped. Nothing without a statement.
     void NextRow();
-    // Finalizes an owned statement and lets go of it; nothing when none is held. Keeps GetCols().
+    /// Finalizes an owned statement and lets go of it; nothing when none is held. Keeps GetCols().
     void Finalize();
-    // Column count of the last statement taken; 0 before the first.
+    /// Column count of the last statement taken; 0 before the first.
     int GetCols();
 
-    // Readers by column index, 0 to GetCols()-1. With no statement or an invalid index they answer
-    // false and leave the out-argument alone.
-
-    // The column as text; false and untouched for SQL NULL. Also false (with `value` emptied) for an
-    // empty text, so it cannot tell empty text from failure; GetStringField can.
+    /** @name Readers by column index
+     *  Columns 0 to GetCols()-1. With no statement or an invalid index they answer false and leave
+     *  the out-argument alone. */
+    //@{
+    /// The column as text; false and untouched for SQL NULL. Also false (with `value` emptied) for an
+    /// empty text, so it cannot tell empty text from failure; GetStringField can.
     bool FieldValue(int index, std::string& value);
-    // The column as text, true also for an empty text; false and untouched for SQL NULL.
+    /// The column as text, true also for an empty text; false and untouched for SQL NULL.
     bool GetStringField(int index, std::string& value);
-    // The column as a 32-bit integer (SQLite's conversion); false and untouched for SQL NULL.
+    /// The column as a 32-bit integer (SQLite's conversion); false and untouched for SQL NULL.
     bool GetIntField(int index, int& value);
-    // The column as a 64-bit integer; false and untouched for SQL NULL.
+    /// The column as a 64-bit integer; false and untouched for SQL NULL.
     bool GetInt64Field(int index, __int64& value);
-    // The column as a double; false and untouched for SQL NULL.
+    /// The column as a double; false and untouched for SQL NULL.
     bool GetFloatField(int index, double& value);
-    // SQLite's type code: 1 integer, 2 float, 3 text, 4 blob, 5 NULL (true for NULL too).
+    /// SQLite's type code: 1 integer, 2 float, 3 text, 4 blob, 5 NULL (true for NULL too).
     bool FieldDataType(int index, int& type);
-    // The column's name in the result.
+    /// The column's name in the result.
     bool FieldName(int index, std::string& name);
-    // The column's declared type; true with "" for a column without one (an expression).
+    /// The column's declared type; true with "" for a column without one (an expression).
     bool FieldDeclType(int index, std::string& declType);
-    // True exactly when the column exists and holds SQL NULL.
+    /// True exactly when the column exists and holds SQL NULL.
     bool FieldIsNull(int index);
+    //@}
 
-    // Readers by column name: the first column whose name equals `name` (case-sensitive), then as
-    // the index form. False and untouched when no column has that name.
+    /** @name Readers by column name
+     *  The first column whose name equals `name` (case-sensitive), then as the index form. False,
+     *  with the out-argument untouched, when no column has that name or no statement is held. */
+    //@{
+    /// FieldValue(int, std::string&) of the column named `name`: false also for an empty text.
     bool FieldValue(const char* name, std::string& value);
+    /// GetIntField(int, int&) of the column named `name`.
     bool GetIntField(const char* name, int& value);
+    /// GetInt64Field(int, __int64&) of the column named `name`.
     bool GetInt64Field(const char* name, __int64& value);
+    /// GetFloatField(int, double&) of the column named `name`.
     bool GetFloatField(const char* name, double& value);
+    /// GetStringField(int, std::string&) of the column named `name`.
     bool GetStringField(const char* name, std::string& value);
+    /// FieldIsNull(int) of the column named `name`: false when there is none.
     bool FieldIsNull(const char* name);
+    //@}
 
-    // Index of the first column named exactly `name`; false and `index` untouched if none.
+    /// Index of the first column named exactly `name`; false and `index` untouched if none.
     bool FieldIndex(const char* name, int& index);
 
 private:

@@ -1,5 +1,6 @@
-// The runtime's measuring formatters: the length a printf-style text would have, without its
-// terminator. On Windows they come from <stdio.h>; elsewhere the platform layer provides them.
+/// \file
+/// The runtime's measuring formatters: the length a printf-style text would have, without its
+/// terminator. On Windows they come from <stdio.h>; elsewhere the platform layer provides them.
 #pragma once
 
 #include "zoth/platform/Win32Types.h"
@@ -11,8 +12,8 @@
 #include <wchar.h>
 #else
 
-// The number of characters `format` with `args` produces, or -1 on an encoding or format failure.
-// `args` is consumed as by vprintf; pass a copy if the list is to be walked again.
+/// The number of characters `format` with `args` produces, or -1 on an encoding or format failure.
+/// `args` is consumed as by vprintf; pass a copy if the list is to be walked again.
 ZOTH_API int _vscprintf(const char* format, va_list args);
 ZOTH_API int _vscwprintf(const wchar_t* format, va_list args);
 

@@ -1,7 +1,8 @@
-// The Win32 path, module and shell-folder calls the library is written against. On Windows they come
-// from the system headers; elsewhere the platform layer implements them: the separator is "/",
-// MAX_PATH is PATH_MAX, the executable is /proc/self/exe, special folders are the XDG user folders
-// and a short path name is the long name.
+/// \file
+/// The Win32 path, module and shell-folder calls the library is written against. On Windows they come
+/// from the system headers; elsewhere the platform layer implements them: the separator is "/",
+/// MAX_PATH is PATH_MAX, the executable is /proc/self/exe, special folders are the XDG user folders
+/// and a short path name is the long name.
 #pragma once
 
 #include "zoth/platform/Win32File.h"
@@ -34,40 +35,40 @@ typedef ITEMIDLIST* PIDLIST_ABSOLUTE;
 typedef const ITEMIDLIST* PCIDLIST_ABSOLUTE;
 typedef ITEMIDLIST* PIDLIST_RELATIVE;
 
-// True when a file or directory exists at `path` (links are followed).
+/// True when a file or directory exists at `path` (links are followed).
 ZOTH_API BOOL PathFileExistsA(LPCSTR path);
 ZOTH_API BOOL PathFileExistsW(LPCWSTR path);
 
-// Joins `dir` and `file` with one separator into `dest` (room for MAX_PATH characters), resolving "."
-// and ".." elements; an absolute `file` stands alone. Returns `dest`, or null (with `dest` emptied)
-// when the outcome does not fit MAX_PATH. `dest` may be the same buffer as `dir` or `file`.
+/// Joins `dir` and `file` with one separator into `dest` (room for MAX_PATH characters), resolving "."
+/// and ".." elements; an absolute `file` stands alone. Returns `dest`, or null (with `dest` emptied)
+/// when the outcome does not fit MAX_PATH. `dest` may be the same buffer as `dir` or `file`.
 ZOTH_API LPSTR PathCombineA(LPSTR dest, LPCSTR dir, LPCSTR file);
 ZOTH_API LPWSTR PathCombineW(LPWSTR dest, LPCWSTR dir, LPCWSTR file);
 
-// Cuts the last element and its separator off `path` in place ("/a/b" -> "/a", "/a" -> "/",
-// "a" -> ""). TRUE if something was cut.
+/// Cuts the last element and its separator off `path` in place ("/a/b" -> "/a", "/a" -> "/",
+/// "a" -> ""). TRUE if something was cut.
 ZOTH_API BOOL PathRemoveFileSpecA(LPSTR path);
 ZOTH_API BOOL PathRemoveFileSpecW(LPWSTR path);
 
-// With a null module, the full path of the process's executable (not of this library). A buffer that
-// is too small gets the truncated, terminated path, the result `size` and ERROR_INSUFFICIENT_BUFFER.
-// 0 on failure; another module than null is ERROR_MOD_NOT_FOUND.
+/// With a null module, the full path of the process's executable (not of this library). A buffer that
+/// is too small gets the truncated, terminated path, the result `size` and ERROR_INSUFFICIENT_BUFFER.
+/// 0 on failure; another module than null is ERROR_MOD_NOT_FOUND.
 ZOTH_API DWORD GetModuleFileNameA(HMODULE module, LPSTR buffer, DWORD size);
 ZOTH_API DWORD GetModuleFileNameW(HMODULE module, LPWSTR buffer, DWORD size);
 
-// The system library folder. The length without the terminator, or the size needed when `size` is
-// too small.
+/// The system library folder. The length without the terminator, or the size needed when `size` is
+/// too small.
 ZOTH_API UINT GetSystemDirectoryA(LPSTR buffer, UINT size);
 
-// An item list for a CSIDL_ folder (the XDG user folders, $HOME for the profile); release it with
-// ILFree. E_INVALIDARG for an unknown folder, with *list null.
+/// An item list for a CSIDL_ folder (the XDG user folders, $HOME for the profile); release it with
+/// ILFree. E_INVALIDARG for an unknown folder, with *list null.
 ZOTH_API HRESULT SHGetSpecialFolderLocation(HWND owner, int csidl, PIDLIST_ABSOLUTE* list);
-// The path of an item list into `path` (room for MAX_PATH units).
+/// The path of an item list into `path` (room for MAX_PATH units).
 ZOTH_API BOOL SHGetPathFromIDListW(PCIDLIST_ABSOLUTE list, LPWSTR path);
 ZOTH_API void ILFree(PIDLIST_RELATIVE list);
 
-// The short form of an existing path, which is the path itself. The length, or the size needed
-// when `size` is too small; 0 with ERROR_FILE_NOT_FOUND when nothing is there.
+/// The short form of an existing path, which is the path itself. The length, or the size needed
+/// when `size` is too small; 0 with ERROR_FILE_NOT_FOUND when nothing is there.
 ZOTH_API DWORD GetShortPathNameW(LPCWSTR longPath, LPWSTR shortPath, DWORD size);
 
 #endif // _WIN32

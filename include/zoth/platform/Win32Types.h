@@ -1,6 +1,7 @@
-// The Win32 types, constants and core calls the library is written against. On Windows they come
-// from <windows.h>; elsewhere this header defines them with the Win32 sizes and values, and the
-// platform layer (src/platform) implements the calls on POSIX.
+/// \file
+/// The Win32 types, constants and core calls the library is written against. On Windows they come
+/// from <windows.h>; elsewhere this header defines them with the Win32 sizes and values, and the
+/// platform layer (src/platform) implements the calls on POSIX.
 #pragma once
 
 #include "zoth/platform/ZothExport.h"
@@ -140,7 +141,7 @@ typedef struct _WIN32_FIND_DATAA {
     char cAlternateFileName[14];
 } WIN32_FIND_DATAA, *LPWIN32_FIND_DATAA;
 
-// A critical section: the layer keeps its lock behind Impl (see Win32Thread.h).
+/// A critical section: the layer keeps its lock behind Impl (see Win32Thread.h).
 typedef struct _RTL_CRITICAL_SECTION {
     void* Impl;
 } CRITICAL_SECTION, *LPCRITICAL_SECTION;
@@ -157,18 +158,18 @@ typedef LONG HRESULT;
 #define S_OK ((HRESULT)0)
 #define E_FAIL ((HRESULT)0x80004005)
 
-// The calling thread's last-error value; each thread has its own.
+/// The calling thread's last-error value; each thread has its own.
 ZOTH_API DWORD GetLastError();
 ZOTH_API void SetLastError(DWORD error);
 
-// Releases any handle of the layer: event, thread, file, search. FALSE with ERROR_INVALID_HANDLE for
-// null and INVALID_HANDLE_VALUE.
+/// Releases any handle of the layer: event, thread, file, search. FALSE with ERROR_INVALID_HANDLE for
+/// null and INVALID_HANDLE_VALUE.
 ZOTH_API BOOL CloseHandle(HANDLE handle);
 
-// Blocks the calling thread for at least `milliseconds`.
+/// Blocks the calling thread for at least `milliseconds`.
 ZOTH_API void Sleep(DWORD milliseconds);
 
-// Milliseconds of a monotonic clock, cut to 32 bits, so it wraps about every 49.7 days as on Windows.
+/// Milliseconds of a monotonic clock, cut to 32 bits, so it wraps about every 49.7 days as on Windows.
 ZOTH_API DWORD GetTickCount();
 
 #endif // _WIN32

@@ -1,4 +1,5 @@
-// ZOTH_API marks what the shared library exports; everything else is hidden.
+/// \file
+/// ZOTH_API marks what the shared library exports; everything else is hidden.
 #pragma once
 
 #if defined(_WIN32)

@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# Builds the Debian packages of a build folder with CPack (cmake/Package.cmake) into
+# BUILD_DIR/packages and checks them with lintian: any error fails, warnings are listed.
+#
+# usage: scripts/check-debs.sh [BUILD_DIR]     (default build/release, which must be built)
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+build=${1:-build/release}
+fail() {
+  echo "check-debs: FAILED: $*" >&2
+  exit 1
+}
+[ -f "$build/CPackConfig.cmake" ] || fail "$build is not a configured build folder"
+[ -e "$build/libZOTHCommonDll.so" ] || fail "$build holds no built library"
+
+out=$build/packages
+rm -rf "$out"
+(cd "$build" && cpack -G DEB -B "$(pwd)/packages" >cpack.log 2>&1) || {
+  cat "$build/cpack.log"
+  fail "cpack"
+}
+rm -rf "$out/_CPack_Packages"
+mapfile -t debs < <(find "$out" -maxdepth 1 -name '*.deb' | LC_ALL=C sort)
+[ ${#debs[@]} -eq 3 ] || fail "expected 3 packages in $out, found ${#debs[@]}"
+for deb in "${debs[@]}"; do
+  echo "check-debs: $(basename "$deb"): $(dpkg-deb -f "$deb" Depends)"
+done
+
+# The runtime package carries the soname in its name and the library under it.
+runtime=$(find "$out" -maxdepth 1 -name 'libzothcommondll[0-9]*_*.deb' | head -n 1)
+[ -n "$runtime" ] || fail "no runtime package libzothcommondllN"
+contents=$(dpkg-deb -c "$runtime")
+grep -q 'libZOTHCommonDll\.so\.[0-9]* -> ' <<<"$contents" || fail "the runtime package lacks the soname link"
+for need in libcurl libsqlite3; do
+  dpkg-deb -f "$runtime" Depends | grep -q "$need" || fail "the runtime package does not depend on $need"
+done
+
+# lintian exits non-zero on errors; --no-cfg keeps a user's lintianrc out of the verdict.
+rc=0
+lintian --no-cfg --allow-root "${debs[@]}" >"$out/lintian.log" 2>&1 || rc=$?
+cat "$out/lintian.log"
+if [ "$rc" != 0 ] || grep -q '^E: ' "$out/lintian.log"; then
+  fail "lintian reports errors in the packages (above)"
+fi
+echo "check-debs: ${#debs[@]} packages in $out, no lintian errors ($(grep -c '^W: ' "$out/lintian.log" || true) warnings)"
