@@ -1,14 +1,12 @@
 // The registry under pressure: allocations that fail inside StopAllTask, task destructors that come
 // back to the registry while it erases, and every locked operation raced against the others.
-// This program replaces the global allocator with one that can be told to fail.
+#include "FailingAllocator.h"
 #include "TaskTestSupport.h"
 #include "zoth/task/CTesselControlBase.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <future>
-#include <new>
 #include <vector>
 
 using namespace task_test;
@@ -16,60 +14,11 @@ using ZOTH::CTaskBase;
 
 namespace {
 
-// Armed per thread: > 0 makes the allocation that many calls from now fail; -1 fails them all.
-thread_local long t_failAt = 0;
-
-void* Allocate(std::size_t size) {
-    if (t_failAt == -1 || (t_failAt > 0 && --t_failAt == 0)) throw std::bad_alloc();
-    if (void* block = std::malloc(size == 0 ? 1 : size)) return block;
-    throw std::bad_alloc();
-}
-
-// Fails allocations on this thread for its scope.
+// Fails allocations on this thread for its scope: the `failAt`-th from now, or every one for -1.
 struct FailingAllocations {
-    explicit FailingAllocations(long failAt) { t_failAt = failAt; }
-    ~FailingAllocations() { t_failAt = 0; }
+    explicit FailingAllocations(long failAt) { task_test::FailAllocations(failAt); }
+    ~FailingAllocations() { task_test::FailAllocations(0); }
 };
-
-} // namespace
-
-// Every plain form of new and delete, so that blocks never cross between this allocator and another.
-void* operator new(std::size_t size) {
-    return Allocate(size);
-}
-void* operator new[](std::size_t size) {
-    return Allocate(size);
-}
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    try {
-        return Allocate(size);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept {
-    return operator new(size, tag);
-}
-void operator delete(void* block) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, std::size_t) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, std::size_t) noexcept {
-    std::free(block);
-}
-void operator delete(void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-void operator delete[](void* block, const std::nothrow_t&) noexcept {
-    std::free(block);
-}
-
-namespace {
 
 std::shared_ptr<Probe> MakeJob(const std::string& id, bool completes = true) {
     auto job = std::make_shared<Probe>();
