@@ -231,8 +231,8 @@ size_t CHttpClientCurl::CurlWriteCallback(char* data, size_t size, size_t count,
 
 void CHttpClientCurl::ReserveForBody(size_t incoming) {
     // Doubling keeps appending linear. An announced length caps each step, so an honest body ends
-    // with no spare room, and a false one (10^12 announced, 10 bytes sent) reserves no more than
-    // the first step or what actually came.
+    // with no spare room, while a false one (10^12 announced, 10 bytes sent) reserves no more than
+    // 1 MiB or twice what actually came.
     constexpr size_t kFirstStep = size_t{1} << 20;
     std::string& body = m_strResponseBody;
     const size_t needed = body.size() + incoming;

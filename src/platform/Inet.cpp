@@ -7,9 +7,9 @@
 #include "platform/KernelObject.h"
 
 #include <curl/curl.h>
-#include <strings.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -103,9 +103,15 @@ void InitCurlOnce() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
 }
 
+// Whether the header line starts with `prefix`, ASCII letters compared without case.
 bool StartsWithNoCase(const char* data, size_t size, const char* prefix) {
     const size_t length = std::strlen(prefix);
-    return size >= length && strncasecmp(data, prefix, length) == 0;
+    if (size < length) return false;
+    for (size_t i = 0; i < length; ++i)
+        if (std::tolower(static_cast<unsigned char>(data[i])) !=
+            std::tolower(static_cast<unsigned char>(prefix[i])))
+            return false;
+    return true;
 }
 
 // Marks the end of the answer's head: the empty line after a status that is neither interim (1xx)

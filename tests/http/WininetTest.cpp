@@ -85,6 +85,10 @@ void RouteCutAndLate(LoopbackServer& server) {
 TEST(PlatformInet, CutShortBodiesAndOddObjectNames) {
     LoopbackServer server;
     RouteCutAndLate(server);
+    server.Http().Get("/moved", [](const httplib::Request&, httplib::Response& res) {
+        res.set_redirect("/moved-here", 302);
+        res.set_content("the redirect's own page", "text/plain");
+    });
     Recorder recorder(server);
     ASSERT_TRUE(server.Start());
     HINTERNET internet = InternetOpenA("Testing", INTERNET_OPEN_TYPE_DIRECT, nullptr, nullptr, 0);
@@ -115,6 +119,14 @@ TEST(PlatformInet, CutShortBodiesAndOddObjectNames) {
     ASSERT_TRUE(InternetReadFile(request, buffer, sizeof(buffer), &read));
     EXPECT_EQ("late", std::string(buffer, read));
     EXPECT_TRUE(InternetCloseHandle(request)); // closed before the end was read
+
+    // A redirect is followed: the head and body are those of where it leads.
+    request = HttpOpenRequestA(connect, "GET", "/moved", nullptr, nullptr, nullptr, 0, 1);
+    ASSERT_TRUE(HttpSendRequestA(request, nullptr, 0, nullptr, 0));
+    ASSERT_TRUE(InternetReadFile(request, buffer, sizeof(buffer), &read));
+    EXPECT_EQ(Recorder::Answer("GET", ""), std::string(buffer, read));
+    EXPECT_EQ("/moved-here", recorder.Last().target);
+    EXPECT_TRUE(InternetCloseHandle(request));
 
     // Space, control bytes and bytes from 0x7F on go percent-encoded; escapes stay as they are.
     const std::pair<const char*, const char*> names[] = {
