@@ -152,7 +152,7 @@ int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url,
     }
     if (!methodSet) return 0;
 
-    m_resultCode = curl_easy_perform(m_pCurl);
+    m_resultCode = PerformStoppable(false);
     if (m_resultCode != CURLE_OK) return 0;
     response = m_strResponseBody;
     return 1;
@@ -211,8 +211,12 @@ size_t CHttpClientCurl::CurlWriteCallback(char* data, size_t size, size_t count,
     auto* self = static_cast<CHttpClientCurl*>(user);
     const size_t n = size * count;
     if (!self->m_bSpeedTestRunning) {
-        if (self->m_strResponseBody.empty()) self->ReserveForBody();
-        self->m_strResponseBody.append(data, n);
+        try {
+            self->ReserveForBody(n);
+            self->m_strResponseBody.append(data, n);
+        } catch (const std::bad_alloc&) {
+            return 0; // no exception may cross libcurl: the transfer fails as a failed write
+        }
         self->m_dwTotalSize += static_cast<DWORD>(n);
     } else {
         self->m_dwTotalSize += static_cast<DWORD>(n);
@@ -225,21 +229,23 @@ size_t CHttpClientCurl::CurlWriteCallback(char* data, size_t size, size_t count,
     return n;
 }
 
-void CHttpClientCurl::ReserveForBody() {
-    // Growing a large body step by step costs a copy and fresh pages per step; one allocation of the
-    // announced length does not. A bogus length only costs capacity, and is capped.
-    constexpr curl_off_t kMaxReserve = curl_off_t{1} << 30;
+void CHttpClientCurl::ReserveForBody(size_t incoming) {
+    // Doubling keeps appending linear. An announced length caps each step, so an honest body ends
+    // with no spare room, while a false one (10^12 announced, 10 bytes sent) reserves no more than
+    // 1 MiB or twice what actually came.
+    constexpr size_t kFirstStep = size_t{1} << 20;
+    std::string& body = m_strResponseBody;
+    const size_t needed = body.size() + incoming;
+    if (needed <= body.capacity()) return;
+    size_t target = std::max(needed, 2 * body.capacity());
     curl_off_t announced = -1;
-    if (m_pCurl == nullptr ||
-        curl_easy_getinfo(m_pCurl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) != CURLE_OK ||
-        announced <= 0)
-        return;
-    try {
-        m_strResponseBody.reserve(static_cast<size_t>(std::min(announced, kMaxReserve)));
-        AdviseLargeBuffer(m_strResponseBody.data(), m_strResponseBody.capacity());
-    } catch (const std::bad_alloc&) {
-        // Appending will still try to grow as it goes.
-    }
+    if (m_pCurl != nullptr &&
+        curl_easy_getinfo(m_pCurl, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK &&
+        announced >= 0 && static_cast<unsigned long long>(announced) >= needed)
+        target = static_cast<size_t>(std::min<unsigned long long>(
+            std::max(target, kFirstStep), static_cast<unsigned long long>(announced)));
+    body.reserve(target);
+    AdviseLargeBuffer(body.data(), body.capacity());
 }
 
 size_t CHttpClientCurl::CurlWriteHeaderCallback(char* data, size_t size, size_t count, void* user) {
@@ -257,6 +263,43 @@ int CHttpClientCurl::CurlProgressCallback(void* user, double dltotal, double dln
 
 void CHttpClientCurl::Stop() {
     m_bStopRequested = true;
+}
+
+CURLcode CHttpClientCurl::PerformStoppable(bool tellObserver) {
+    CURLcode code = CURLE_WRITE_ERROR;
+    // A stop made while no transfer ran ends this one before it begins.
+    if (!m_bStopRequested.exchange(false)) {
+        // The write callback sees a stop only when a chunk comes; this callback runs about once a
+        // second even when nothing does.
+        const auto callback = tellObserver ? &CurlStopProgressCallback : &CurlStopCallback;
+        CURLcode set = CURLE_OK;
+        if (SetCurlOption(m_pCurl, set, CURLOPT_XFERINFOFUNCTION, callback) &&
+            SetCurlOption(m_pCurl, set, CURLOPT_XFERINFODATA, static_cast<void*>(this)) &&
+            SetCurlOption(m_pCurl, set, CURLOPT_NOPROGRESS, 0L))
+            code = curl_easy_perform(m_pCurl);
+        else
+            code = set;
+        // A stop made during the transfer belongs to it, whether it ended the transfer or came late.
+        m_bStopRequested = false;
+        // Ended from the progress callback or from the write callback: one code for a stopped transfer.
+        if (code == CURLE_ABORTED_BY_CALLBACK) code = CURLE_WRITE_ERROR;
+    }
+    // What a bogus length or the last doubling left unused is not kept for the object's life.
+    constexpr size_t kMaxSpare = size_t{4} << 20;
+    if (m_strResponseBody.capacity() - m_strResponseBody.size() > kMaxSpare)
+        m_strResponseBody.shrink_to_fit();
+    return code;
+}
+
+int CHttpClientCurl::CurlStopCallback(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return static_cast<CHttpClientCurl*>(user)->m_bStopRequested ? 1 : 0;
+}
+
+int CHttpClientCurl::CurlStopProgressCallback(void* user, curl_off_t dltotal, curl_off_t dlnow,
+                                              curl_off_t ultotal, curl_off_t ulnow) {
+    CurlProgressCallback(user, static_cast<double>(dltotal), static_cast<double>(dlnow),
+                         static_cast<double>(ultotal), static_cast<double>(ulnow));
+    return CurlStopCallback(user, dltotal, dlnow, ultotal, ulnow);
 }
 
 void CHttpClientCurl::SetProgressObserver(ProgressObserver observer) {

@@ -13,7 +13,7 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
 
     if (!SetFetchOptions(url)) return 0;
 
-    m_resultCode = curl_easy_perform(m_pCurl);
+    m_resultCode = PerformStoppable(true);
     if (m_resultCode != CURLE_OK) return 0;
 
     long status = 0;

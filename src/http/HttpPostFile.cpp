@@ -35,7 +35,7 @@ int CHttpClientCurl::HttpPostFile(std::string url, std::string proxy, std::strin
 
     // Whether HTTPPOST itself failed shows in the transfer; the form is released on every path.
     m_resultCode = curl_easy_setopt(m_pCurl, CURLOPT_HTTPPOST, first);
-    if (m_resultCode == CURLE_OK) m_resultCode = curl_easy_perform(m_pCurl);
+    if (m_resultCode == CURLE_OK) m_resultCode = PerformStoppable(false);
     curl_formfree(first);
 
     if (m_resultCode != CURLE_OK) return 0;

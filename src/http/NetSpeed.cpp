@@ -18,7 +18,7 @@ int CHttpClientCurl::TestNetSpeed(std::string url, int seconds) {
     m_bSpeedTestRunning = true;
     m_nSpeedTimeLimit = seconds;
     m_dwStartTime = GetTickCount();
-    m_resultCode = curl_easy_perform(m_pCurl);
+    m_resultCode = PerformStoppable(true);
     m_bSpeedTestRunning = false;
     return 0;
 }

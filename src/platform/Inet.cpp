@@ -1,6 +1,7 @@
 // WinINet's plain-HTTP calls on libcurl. A session keeps the agent, a connection the server and
-// port, and a request its verb, path and headers; HttpSendRequestA makes the whole exchange at once
-// and InternetReadFile hands the received body out in pieces.
+// port, and a request its verb, path and headers. HttpSendRequestA starts the exchange and returns
+// once the answer's status line and headers are in; InternetReadFile lets it run on and hands the
+// body out in pieces as it arrives.
 #include "zoth/platform/Win32Inet.h"
 
 #include "platform/KernelObject.h"
@@ -8,6 +9,7 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -39,8 +41,57 @@ struct InetRequest : KernelObject {
     std::string accept; // the joined accept types; empty for none
     DWORD flags = 0;
     bool sent = false;
-    std::string body;
+
+    // The exchange runs on a multi handle that HttpSendRequestA and InternetReadFile drive in turn.
+    CURLM* multi = nullptr;
+    CURL* easy = nullptr;
+    curl_slist* headerList = nullptr;
+    bool following = false;    // redirects are followed: their heads are not the answer's
+    bool locationSeen = false; // in the head being received
+    bool headDone = false;     // the final status line and headers have arrived
+    bool finished = false;
+    CURLcode result = CURLE_OK;
+    std::string body; // received; from readOffset on not yet handed out
     size_t readOffset = 0;
+
+    ~InetRequest() override { EndExchange(); }
+
+    // Releases libcurl's handles; what was received stays readable.
+    void EndExchange() {
+        if (easy != nullptr) {
+            if (multi != nullptr) curl_multi_remove_handle(multi, easy);
+            curl_easy_cleanup(easy);
+            easy = nullptr;
+        }
+        if (multi != nullptr) {
+            curl_multi_cleanup(multi);
+            multi = nullptr;
+        }
+        if (headerList != nullptr) {
+            curl_slist_free_all(headerList);
+            headerList = nullptr;
+        }
+    }
+
+    // Lets the exchange run until `ready` holds or the exchange has ended.
+    template <typename Ready> void Drive(Ready ready) {
+        while (!finished && !ready()) {
+            int running = 0;
+            const CURLMcode code = curl_multi_perform(multi, &running);
+            int left = 0;
+            while (CURLMsg* message = curl_multi_info_read(multi, &left)) {
+                if (message->msg != CURLMSG_DONE) continue;
+                finished = true;
+                result = message->data.result;
+            }
+            if (code != CURLM_OK && !finished) {
+                finished = true;
+                result = code == CURLM_OUT_OF_MEMORY ? CURLE_OUT_OF_MEMORY : CURLE_RECV_ERROR;
+            }
+            if (!finished && !ready()) curl_multi_poll(multi, nullptr, 0, 1000, nullptr);
+        }
+        if (finished) EndExchange();
+    }
 };
 
 template <typename T> T* As(HINTERNET handle) {
@@ -52,9 +103,58 @@ void InitCurlOnce() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_ALL); });
 }
 
-size_t AppendBody(char* data, size_t size, size_t count, void* user) {
-    static_cast<InetRequest*>(user)->body.append(data, size * count);
+// Whether the header line starts with `prefix`, ASCII letters compared without case.
+bool StartsWithNoCase(const char* data, size_t size, const char* prefix) {
+    const size_t length = std::strlen(prefix);
+    if (size < length) return false;
+    for (size_t i = 0; i < length; ++i)
+        if (std::tolower(static_cast<unsigned char>(data[i])) !=
+            std::tolower(static_cast<unsigned char>(prefix[i])))
+            return false;
+    return true;
+}
+
+// Marks the end of the answer's head: the empty line after a status that is neither interim (1xx)
+// nor a redirect that libcurl goes on to follow.
+size_t OnHeader(char* data, size_t size, size_t count, void* user) {
+    auto* request = static_cast<InetRequest*>(user);
+    const size_t n = size * count;
+    if (StartsWithNoCase(data, n, "HTTP/")) {
+        request->locationSeen = false;
+    } else if (StartsWithNoCase(data, n, "Location:")) {
+        request->locationSeen = true;
+    } else if (n == 0 || data[0] == '\r' || data[0] == '\n') {
+        long status = 0;
+        curl_easy_getinfo(request->easy, CURLINFO_RESPONSE_CODE, &status);
+        const bool redirect = request->following && status / 100 == 3 && request->locationSeen;
+        if (status / 100 != 1 && !redirect) request->headDone = true;
+    }
+    return n;
+}
+
+size_t OnBody(char* data, size_t size, size_t count, void* user) {
+    auto* request = static_cast<InetRequest*>(user);
+    request->headDone = true;
+    request->body.append(data, size * count);
     return size * count;
+}
+
+// The object name as it may stand in a URL: space, control bytes, bytes from 0x7F on and '#' (which
+// would end the path) are percent-encoded. '%' stays, so a name that is already escaped is unchanged.
+std::string EscapeObjectName(const char* name) {
+    static const char kHex[] = "0123456789ABCDEF";
+    std::string escaped;
+    for (const char* p = name; *p != '\0'; ++p) {
+        const auto byte = static_cast<unsigned char>(*p);
+        if (byte <= 0x20 || byte >= 0x7F || byte == '#') {
+            escaped += '%';
+            escaped += kHex[byte >> 4];
+            escaped += kHex[byte & 0xF];
+        } else {
+            escaped += static_cast<char>(byte);
+        }
+    }
+    return escaped;
 }
 
 DWORD InetErrorOf(CURLcode code) {
@@ -133,7 +233,7 @@ HINTERNET HttpOpenRequestA(HINTERNET connect, LPCSTR verb, LPCSTR objectName, LP
     // an overlapping copy (-Wrestrict).
     std::string object;
     if (objectName == nullptr || objectName[0] != '/') object.push_back('/');
-    if (objectName != nullptr) object.append(objectName);
+    if (objectName != nullptr) object.append(EscapeObjectName(objectName));
     // An IPv6 literal needs brackets in a URL.
     const std::string host =
         owner->server.find(':') != std::string::npos ? "[" + owner->server + "]" : owner->server;
@@ -155,41 +255,53 @@ BOOL HttpSendRequestA(HINTERNET handle, LPCSTR headers, DWORD headersLength, LPV
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
+    // Sending again starts over: an exchange still running on the handle is dropped.
+    request->EndExchange();
     request->sent = false;
+    request->headDone = false;
+    request->locationSeen = false;
+    request->finished = false;
+    request->result = CURLE_OK;
     request->body.clear();
     request->readOffset = 0;
 
     CURL* curl = curl_easy_init();
-    if (curl == nullptr) {
+    CURLM* multi = curl_multi_init();
+    request->easy = curl;
+    request->multi = multi;
+    if (curl == nullptr || multi == nullptr) {
+        request->EndExchange();
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return FALSE;
     }
     // Headers that libcurl would add by itself are removed so that only what the caller asked goes out.
-    curl_slist* list = nullptr;
     std::vector<std::string> lines = {request->accept.empty() ? "Accept:" : "Accept: " + request->accept,
                                       "Content-Type:", "Expect:"};
     for (std::string& line : HeaderLines(headers, headersLength))
         lines.push_back(std::move(line));
     bool ok = true;
     for (const std::string& line : lines) {
-        curl_slist* grown = curl_slist_append(list, line.c_str());
+        curl_slist* grown = curl_slist_append(request->headerList, line.c_str());
         if (grown == nullptr)
             ok = false;
         else
-            list = grown;
+            request->headerList = grown;
     }
 
     const char* data = optional != nullptr ? static_cast<const char*>(optional) : "";
     const long size = optional != nullptr ? static_cast<long>(optionalLength) : 0L;
     const bool plainGet = request->verb == "GET" && size == 0;
+    request->following = (request->flags & kFlagNoAutoRedirect) == 0;
     curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(curl, CURLOPT_URL, request->url.c_str());
     curl_easy_setopt(curl, CURLOPT_PROXY, ""); // direct, whatever the environment says
     curl_easy_setopt(curl, CURLOPT_USERAGENT, request->agent.c_str());
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, list);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &AppendBody);
+    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, request->headerList);
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &OnHeader);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, static_cast<void*>(request));
+    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &OnBody);
     curl_easy_setopt(curl, CURLOPT_WRITEDATA, static_cast<void*>(request));
-    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, (request->flags & kFlagNoAutoRedirect) ? 0L : 1L);
+    curl_easy_setopt(curl, CURLOPT_FOLLOWLOCATION, request->following ? 1L : 0L);
     curl_easy_setopt(curl, CURLOPT_MAXREDIRS, 10L);
     // WinINet's own defaults: a minute to connect, a minute of silence ends a transfer.
     curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 60L);
@@ -205,17 +317,23 @@ BOOL HttpSendRequestA(HINTERNET handle, LPCSTR headers, DWORD headersLength, LPV
     } else if (plainGet) {
         curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
     } else {
-        // The body goes by its length, so zero bytes in it are sent too.
+        // The body goes by its length, so zero bytes in it are sent too; libcurl keeps its own copy,
+        // since the exchange outlives this call.
         curl_easy_setopt(curl, CURLOPT_POST, 1L);
         curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE, size);
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, data);
+        if (curl_easy_setopt(curl, CURLOPT_COPYPOSTFIELDS, data) != CURLE_OK) ok = false;
         if (request->verb != "POST") curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request->verb.c_str());
     }
+    if (!ok || curl_multi_add_handle(multi, curl) != CURLM_OK) {
+        request->EndExchange();
+        SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+        return FALSE;
+    }
 
-    CURLcode code = ok ? curl_easy_perform(curl) : CURLE_OUT_OF_MEMORY;
-    curl_easy_cleanup(curl);
-    curl_slist_free_all(list);
-    if (code != CURLE_OK) {
+    request->Drive([request] { return request->headDone; });
+    if (!request->headDone && !(request->finished && request->result == CURLE_OK)) {
+        const CURLcode code = request->finished ? request->result : CURLE_RECV_ERROR;
+        request->EndExchange();
         request->body.clear();
         SetLastError(code == CURLE_OUT_OF_MEMORY ? ERROR_NOT_ENOUGH_MEMORY : InetErrorOf(code));
         return FALSE;
@@ -234,14 +352,29 @@ BOOL InternetReadFile(HINTERNET handle, LPVOID buffer, DWORD toRead, LPDWORD rea
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
+    *read = 0;
     if (!request->sent) {
         SetLastError(ERROR_INTERNET_INCORRECT_HANDLE_TYPE);
         return FALSE;
     }
+    request->Drive([request] { return request->readOffset < request->body.size(); });
     const size_t n = std::min<size_t>(toRead, request->body.size() - request->readOffset);
-    if (n > 0) std::memcpy(buffer, request->body.data() + request->readOffset, n);
-    request->readOffset += n;
-    *read = static_cast<DWORD>(n);
+    if (n > 0) {
+        std::memcpy(buffer, request->body.data() + request->readOffset, n);
+        request->readOffset += n;
+        if (request->readOffset == request->body.size()) {
+            // Everything received is handed out: the buffer holds no more than one arrival at a time.
+            request->body.clear();
+            request->readOffset = 0;
+        }
+        *read = static_cast<DWORD>(n);
+        return TRUE;
+    }
+    // All that arrived is handed out: the end of the body, or the failure that cut it short.
+    if (request->finished && request->result != CURLE_OK) {
+        SetLastError(InetErrorOf(request->result));
+        return FALSE;
+    }
     return TRUE;
 }
 

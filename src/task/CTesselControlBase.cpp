@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <system_error>
-#include <vector>
 
 namespace ZOTH {
 
@@ -19,6 +18,18 @@ void InitLock(CRITICAL_SECTION& lock) {
 bool IsClosed(const bool& flag) {
     return std::atomic_ref<bool>(const_cast<bool&>(flag)).load();
 }
+
+// Holds a critical section for a scope, so that no exception can leave it held.
+class CriticalSectionLock {
+public:
+    explicit CriticalSectionLock(CRITICAL_SECTION& lock) : m_lock(lock) { EnterCriticalSection(&m_lock); }
+    ~CriticalSectionLock() { LeaveCriticalSection(&m_lock); }
+    CriticalSectionLock(const CriticalSectionLock&) = delete;
+    CriticalSectionLock& operator=(const CriticalSectionLock&) = delete;
+
+private:
+    CRITICAL_SECTION& m_lock;
+};
 } // namespace
 
 CTesselControlBase::CTesselControlBase() : m_csTask{}, m_bStopAddTask(false) {
@@ -40,33 +51,37 @@ CTesselControlBase& CTesselControlBase::operator=(const CTesselControlBase& othe
 
 CTesselControlBase::~CTesselControlBase() {
     std::atomic_ref<bool>(m_bStopAddTask).store(true);
-    CTesselControlBase::StopAllTask(); // an override is gone by now
+    try {
+        CTesselControlBase::StopAllTask(); // an override is gone by now
+    } catch (...) {
+        // A task's StopTask threw (the lock is released by then); a destructor cannot pass it on,
+        // and the entries still have to go.
+    }
     DeleteCriticalSection(&m_csTask);
     m_mapTask.clear(); // what is left goes now, complete or not, with no lock held
 }
 
 bool CTesselControlBase::StopAllTask() {
-    EnterCriticalSection(&m_csTask);
+    CriticalSectionLock hold(m_csTask);
     for (auto& [id, task] : m_mapTask) {
         if (!task) continue;
         task->StopTask();
         task->BreakThread();
     }
     Sleep(200); // the tasks' time to report completion; the lock stays held
-    // Erased references are dropped after the pass, still under the lock, so a task destructor
-    // that comes back to this registry cannot upset the iteration.
-    std::vector<std::shared_ptr<CTaskBase>> erased;
+    // Each complete task is erased on the spot, so one that completes while an earlier task's
+    // destructor waits goes too. A destructor may come back to this registry (the lock is
+    // re-entrant) and change the map, so the pass finds its place again by key after each erase.
+    // Taking the node out allocates nothing.
     for (auto it = m_mapTask.begin(); it != m_mapTask.end();) {
-        if (it->second && it->second->GetTaskCompleteStatus()) {
-            erased.push_back(std::move(it->second));
-            it = m_mapTask.erase(it);
-        } else {
+        if (!it->second || !it->second->GetTaskCompleteStatus()) {
             ++it;
+            continue;
         }
+        auto node = m_mapTask.extract(it);
+        node.mapped().reset(); // the task's destructor, if this was the last reference: up to 500 ms
+        it = m_mapTask.upper_bound(node.key());
     }
-    for (auto& task : erased)
-        task.reset(); // in key order, each may take up to 500 ms
-    LeaveCriticalSection(&m_csTask);
     return true;
 }
 
@@ -83,33 +98,24 @@ bool CTesselControlBase::StartTask(std::shared_ptr<CTaskBase> task) {
 }
 
 bool CTesselControlBase::DeleteTaskById(std::string taskId) {
-    std::shared_ptr<CTaskBase> erased; // dropped after the erase, still under the lock
-    EnterCriticalSection(&m_csTask);
-    auto found = m_mapTask.find(taskId);
-    if (found != m_mapTask.end()) {
-        erased = std::move(found->second);
-        m_mapTask.erase(found);
-    }
-    erased.reset();
-    LeaveCriticalSection(&m_csTask);
+    CriticalSectionLock hold(m_csTask);
+    // Out of the map first: the task's destructor, run after, may come back to this registry.
+    auto node = m_mapTask.extract(taskId);
+    if (!node.empty()) node.mapped().reset();
     return true;
 }
 
 bool CTesselControlBase::AddTaskMap(std::shared_ptr<CTaskBase> task, std::string taskId) {
     if (IsClosed(m_bStopAddTask)) return false;
-    EnterCriticalSection(&m_csTask);
+    CriticalSectionLock hold(m_csTask);
     m_mapTask.emplace(std::move(taskId), std::move(task));
-    LeaveCriticalSection(&m_csTask);
     return true;
 }
 
 std::shared_ptr<CTaskBase> CTesselControlBase::GetTaskById(std::string taskId) {
-    std::shared_ptr<CTaskBase> task;
-    EnterCriticalSection(&m_csTask);
+    CriticalSectionLock hold(m_csTask);
     auto found = m_mapTask.find(taskId);
-    if (found != m_mapTask.end()) task = found->second;
-    LeaveCriticalSection(&m_csTask);
-    return task;
+    return found != m_mapTask.end() ? found->second : nullptr;
 }
 
 std::string CTesselControlBase::CreateTaskId() {

@@ -72,7 +72,9 @@ public:
     // libcurl's progress callback: tells the progress observer, if any, and always returns 0.
     static int CurlProgressCallback(void* user, double dltotal, double dlnow, double ultotal, double ulnow);
 
-    // Ends the running transfer at its next chunk with CURLE_WRITE_ERROR; callable from any thread.
+    // Ends the running transfer within about a second, even one that receives nothing; it then gives
+    // 0 with CURLE_WRITE_ERROR. Made while no transfer runs, the stop ends the next download, upload
+    // or probe at once (GET, POST and PUT clear it). A transfer uses the stop up. Any thread may call.
     void Stop();
 
     // Fetches url whole and writes it to filePath (replacing the file) only on status 200 with a
@@ -110,8 +112,8 @@ private:
     bool SetFetchOptions(const std::string& url);
     // Empties what the previous transfer received.
     void BeginTransfer();
-    // Makes room for the whole body once its length is announced.
-    void ReserveForBody();
+    // Makes room for `incoming` more body bytes, growing by what arrives, never past an announced length.
+    void ReserveForBody(size_t incoming);
 
     DWORD m_dwStartTime;
     DWORD m_dwEndTime;
@@ -128,6 +130,15 @@ private:
     curl_slist* m_pHeaderList;
     std::vector<std::string> m_vecCustomHeaders;
     ProgressObserver m_progressObserver;
+
+    // Runs the transfer prepared on m_pCurl so that Stop() can end it, and uses the stop up; trims
+    // the body's spare room. tellObserver: the transfer's option table installed CurlProgressCallback.
+    CURLcode PerformStoppable(bool tellObserver);
+    // libcurl's transfer-info callbacks, set beside the option tables: non-zero ends the transfer
+    // when a stop is pending. The second also passes the figures to CurlProgressCallback.
+    static int CurlStopCallback(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
+    static int CurlStopProgressCallback(void* user, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
+                                        curl_off_t ulnow);
 };
 
 } // namespace ZOTH

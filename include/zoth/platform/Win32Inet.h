@@ -32,18 +32,21 @@ ZOTH_API HINTERNET InternetOpenA(LPCSTR agent, DWORD accessType, LPCSTR proxy, L
 ZOTH_API HINTERNET InternetConnectA(HINTERNET session, LPCSTR serverName, INTERNET_PORT port, LPCSTR userName,
                                     LPCSTR password, DWORD service, DWORD flags, DWORD_PTR context);
 
-/// A request of `verb` (null: "GET") for `objectName` (null: "/"). The accept types, a null-ended
+/// A request of `verb` (null: "GET") for `objectName` (null: "/"); space, control bytes, bytes from
+/// 0x7F on and '#' in the name go out percent-encoded, '%' as it is. The accept types, a null-ended
 /// list, go out as one Accept header joined by ", "; none means no Accept header. Null on failure.
 ZOTH_API HINTERNET HttpOpenRequestA(HINTERNET connect, LPCSTR verb, LPCSTR objectName, LPCSTR version,
                                     LPCSTR referrer, LPCSTR* acceptTypes, DWORD flags, DWORD_PTR context);
 
 /// Sends the request with `headers` (CRLF-separated lines; length -1 for a C string) and `optional`
-/// bytes as the body, and receives the answer. TRUE for any HTTP status; FALSE with a last error of
-/// ERROR_INTERNET_* when no answer came.
+/// bytes as the body, and waits for the answer's status line and headers. TRUE for any HTTP status;
+/// FALSE with a last error of ERROR_INTERNET_* when they did not come.
 ZOTH_API BOOL HttpSendRequestA(HINTERNET request, LPCSTR headers, DWORD headersLength, LPVOID optional,
                                DWORD optionalLength);
 
-/// Copies the next at most `toRead` bytes of the body into `buffer`; *read is 0 at the end.
+/// Copies the next at most `toRead` bytes of the body into `buffer`, waiting for them if need be;
+/// *read is 0 at the end. Once every byte that arrived is handed out, a broken transfer gives FALSE
+/// with a last error of ERROR_INTERNET_*.
 ZOTH_API BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD toRead, LPDWORD read);
 
 /// Releases a session, connection or request handle. FALSE for null or a foreign handle.
