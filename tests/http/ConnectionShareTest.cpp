@@ -2,77 +2,22 @@
 // TLS sessions, and many threads at once. The server counts the connections it accepted.
 #include "zoth/http/CHttpClientCurl.h"
 
-#include "LoopbackServer.h"
+#include "CountingServer.h"
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <thread>
+#include <vector>
 
 using ZOTH::CHttpClientCurl;
-using zoth_test::LoopbackServer;
+using zoth_test::CertFiles;
+using zoth_test::CountingServer;
+using zoth_test::MakeCertificate;
 using zoth_test::TempDir;
 
 namespace {
-
-// A loopback server that tells how many connections and TLS resumptions it saw. A connection is
-// known by its client port: a port is not handed out again while its closed connection lingers.
-// Every GET or POST answers "path:body"; a path that starts with /close ends its connection.
-class CountingServer {
-public:
-    explicit CountingServer(bool tls) : m_server(tls) {
-        httplib::Server& http = m_server.Http();
-        http.set_keep_alive_max_count(1000000); // the default ends a connection after 5 requests
-        http.set_keep_alive_timeout(5);         // a slow moment of a loaded machine must not end one
-        http.set_tcp_nodelay(true);
-        http.new_task_queue = [] { return new httplib::ThreadPool(24); }; // a worker per open connection
-        auto handler = [this](const httplib::Request& req, httplib::Response& res) {
-            {
-                std::lock_guard<std::mutex> lock(m_mutex);
-                m_ports.insert(req.remote_port);
-                ++m_requests;
-                if (req.ssl != nullptr && SSL_session_reused(const_cast<SSL*>(req.ssl))) ++m_resumed;
-            }
-            if (req.path.rfind("/close", 0) == 0) res.set_header("Connection", "close");
-            const std::string body = req.has_file("file") ? req.get_file_value("file").content : req.body;
-            res.set_content(req.path + ":" + body, "text/plain");
-        };
-        http.Get(".*", handler).Post(".*", handler);
-        if (!m_server.Start()) throw std::runtime_error("cannot listen on loopback");
-    }
-    ~CountingServer() {
-        // The server's workers wait out the keep-alive time of every idle connection before they
-        // stop; have the pooled ones closed now instead.
-        for (int i = 0; i < 16; ++i) {
-            CHttpClientCurl client;
-            std::string response;
-            client.HttpGet(Url("/close"), "", "", response);
-        }
-        m_server.Stop();
-        std::lock_guard<std::mutex> lock(m_mutex); // orders the last handler's writes first
-    }
-
-    std::string Url(const std::string& path) const { return m_server.Url(path); }
-    size_t Connections() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_ports.size();
-    }
-    int Requests() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_requests;
-    }
-    int Resumed() {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        return m_resumed;
-    }
-
-private:
-    std::mutex m_mutex;
-    std::set<int> m_ports;
-    int m_requests = 0;
-    int m_resumed = 0;
-    LoopbackServer m_server; // last: stopped before the fields its handler uses go away
-};
 
 // One transfer of each kind on `client`, each checked; the number of requests made.
 int EveryKindOfTransfer(CHttpClientCurl& client, CountingServer& server, const TempDir& dir) {
@@ -96,9 +41,10 @@ int EveryKindOfTransfer(CHttpClientCurl& client, CountingServer& server, const T
 
 TEST(ConnectionShare, FreshObjectsShareConnectionsUnlessSwitchedOff) {
     TempDir dir;
+    const CertFiles cert = MakeCertificate(dir, "server", "127.0.0.1", "loopback");
     for (bool tls : {false, true}) {
         SCOPED_TRACE(tls ? "https" : "http");
-        CountingServer server(tls);
+        CountingServer server(tls ? &cert : nullptr);
 
         // Fresh objects, every kind of transfer: one connection, one TLS handshake.
         int requests = 0;
@@ -131,7 +77,9 @@ TEST(ConnectionShare, FreshObjectsShareConnectionsUnlessSwitchedOff) {
 }
 
 TEST(ConnectionShare, TlsSessionsAreResumedOnNewConnections) {
-    CountingServer server(true);
+    TempDir dir;
+    const CertFiles cert = MakeCertificate(dir, "server", "127.0.0.1", "loopback");
+    CountingServer server(&cert);
     std::string response;
     // The server closes every connection, so only the session cache can spare a full handshake.
     for (int i = 0; i < 4; ++i) {
@@ -155,10 +103,12 @@ TEST(ConnectionShare, ManyThreadsThroughOneShare) {
     // Threads start together, so the first use of the share may race too. Each checks that every
     // answer is its own: a connection handed to two transfers at once would mix them up.
     constexpr int kThreads = 8;
+    TempDir dir;
+    const CertFiles cert = MakeCertificate(dir, "server", "127.0.0.1", "loopback");
     for (bool tls : {false, true}) {
         SCOPED_TRACE(tls ? "https" : "http");
         const int perThread = tls ? 150 : 400;
-        CountingServer server(tls);
+        CountingServer server(tls ? &cert : nullptr);
         std::atomic<int> ready{0}, wrong{0};
         std::vector<std::thread> threads;
         for (int t = 0; t < kThreads; ++t) {
