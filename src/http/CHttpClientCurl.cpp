@@ -5,8 +5,10 @@
 #include "zoth/platform/MemoryHint.h"
 
 #include "http/CurlOption.h"
+#include "http/CurlShare.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <new>
 
 namespace ZOTH {
@@ -18,7 +20,15 @@ std::string g_strLookupHost = kDefaultLookupHost;
 namespace {
 // Set once, by the first InitCurl of the process; libcurl is never cleaned up globally.
 std::atomic<bool> s_bCurlGlobalInitDone{false};
+// Connections the shared pool may hold, busy and idle together: more than a client's threads.
+constexpr long kPooledConnections = 64;
 } // namespace
+
+struct CHttpClientCurl::Settings {
+    bool bReuseConnections = true;
+    bool bTlsVerify = false;
+    std::string strCaPath; // empty: the system's trust store
+};
 
 CHttpClientCurl::CHttpClientCurl()
     : m_dwStartTime(0), m_dwEndTime(0), m_nSpeedTimeLimit(0), m_dwTotalSize(0), m_dNetSpeed(0.0),
@@ -46,6 +56,7 @@ CHttpClientCurl& CHttpClientCurl::operator=(const CHttpClientCurl& other) {
     m_resultCode = other.m_resultCode;
     m_vecCustomHeaders = other.m_vecCustomHeaders;
     m_progressObserver = other.m_progressObserver;
+    m_pSettings = other.m_pSettings ? std::make_unique<Settings>(*other.m_pSettings) : nullptr;
     return *this;
 }
 
@@ -85,6 +96,7 @@ void CHttpClientCurl::BeginTransfer() {
 }
 
 bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::string& proxy) {
+    const bool verify = m_pSettings && m_pSettings->bTlsVerify;
     const long seconds = static_cast<long>(m_dwTimeOutMax / 1000);
     for (const std::string& line : m_vecCustomHeaders) {
         // A failed append leaves the list as it was rather than losing it.
@@ -101,13 +113,14 @@ bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::strin
            SetCurlOption(c, r, CURLOPT_CONNECTTIMEOUT, seconds) &&
            SetCurlOption(c, r, CURLOPT_TIMEOUT, seconds) &&
            SetCurlOption(c, r, CURLOPT_ACCEPT_ENCODING, "") &&
-           SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
-           SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L) &&
+           SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
+           SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) &&
            SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList) &&
-           (proxy.empty() || SetCurlOption(c, r, CURLOPT_PROXY, proxy.c_str()));
+           (proxy.empty() || SetCurlOption(c, r, CURLOPT_PROXY, proxy.c_str())) && SetShareAndTrustOptions();
 }
 
 bool CHttpClientCurl::SetFetchOptions(const std::string& url) {
+    const bool verify = m_pSettings && m_pSettings->bTlsVerify;
     CURL* c = m_pCurl;
     CURLcode& r = m_resultCode;
     const bool set =
@@ -119,9 +132,41 @@ bool CHttpClientCurl::SetFetchOptions(const std::string& url) {
         SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
         SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
         SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) && SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
-        SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L);
+        SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) &&
+        SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
+        SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) && SetShareAndTrustOptions();
     return set;
+}
+
+bool CHttpClientCurl::SetShareAndTrustOptions() {
+    CURL* c = m_pCurl;
+    CURLcode& r = m_resultCode;
+    const Settings defaults;
+    const Settings& s = m_pSettings ? *m_pSettings : defaults;
+    if (s.bTlsVerify) {
+        // libcurl takes the CA settings into account when it picks a pooled connection or a cached
+        // TLS session, so a verifying transfer never rides on one that was made without verification.
+        std::error_code ec;
+        if (s.strCaPath.empty()) {
+            // The system's store: libcurl's built-in bundle here, the native store where it has one.
+            if (!SetCurlOption(c, r, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA)))
+                return false;
+        } else if (std::filesystem::is_directory(s.strCaPath, ec)) {
+            // Instead of the system's store: its default bundle file is unset.
+            if (!SetCurlOption(c, r, CURLOPT_CAPATH, s.strCaPath.c_str()) ||
+                !SetCurlOption(c, r, CURLOPT_CAINFO, static_cast<const char*>(nullptr)))
+                return false;
+        } else {
+            if (!SetCurlOption(c, r, CURLOPT_CAINFO, s.strCaPath.c_str()) ||
+                !SetCurlOption(c, r, CURLOPT_CAPATH, static_cast<const char*>(nullptr)))
+                return false;
+        }
+    }
+    CURLSH* share = s.bReuseConnections ? http::ProcessShare() : nullptr;
+    // libcurl closes a pooled connection as soon as the pool holds more than MAXCONNECTS, those in
+    // use included; at its default of 5, six threads at once would defeat reuse.
+    return share == nullptr || (SetCurlOption(c, r, CURLOPT_SHARE, share) &&
+                                SetCurlOption(c, r, CURLOPT_MAXCONNECTS, kPooledConnections));
 }
 
 int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy,
@@ -304,6 +349,25 @@ int CHttpClientCurl::CurlStopProgressCallback(void* user, curl_off_t dltotal, cu
 
 void CHttpClientCurl::SetProgressObserver(ProgressObserver observer) {
     m_progressObserver = std::move(observer);
+}
+
+CHttpClientCurl::Settings& CHttpClientCurl::EditSettings() {
+    if (!m_pSettings) m_pSettings = std::make_unique<Settings>();
+    return *m_pSettings;
+}
+
+void CHttpClientCurl::SetConnectionReuse(bool reuse) {
+    EditSettings().bReuseConnections = reuse;
+}
+
+void CHttpClientCurl::SetTlsVerify(bool verify) {
+    EditSettings().bTlsVerify = verify;
+}
+
+void CHttpClientCurl::SetTlsCaPath(std::string path) {
+    Settings& s = EditSettings();
+    if (!path.empty()) s.bTlsVerify = true;
+    s.strCaPath = std::move(path);
 }
 
 } // namespace ZOTH

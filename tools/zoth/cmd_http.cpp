@@ -31,12 +31,35 @@ int PrintBody(const std::string& body) {
     return 0;
 }
 
-// `get|post|put URL [DATA]`: DATA "-" reads standard input.
-int RunRequest(const Args& args, ZOTH::EREQUEST_METHOD_tag method, const char* name) {
+// Applies `--verify` and `--cacert FILE` (which implies --verify) from the front of args to client
+// and leaves what follows them in rest. Empty when they were well formed, else the message for Fail.
+std::string TakeTlsOptions(const Args& args, CHttpClientCurl& client, Args& rest) {
+    size_t used = 0;
+    while (used < args.size() && args[used].rfind("--", 0) == 0) {
+        if (args[used] == "--verify") {
+            client.SetTlsVerify(true);
+            used += 1;
+        } else if (args[used] == "--cacert") {
+            if (used + 1 >= args.size() || args[used + 1].empty()) return "--cacert needs a FILE";
+            client.SetTlsCaPath(args[used + 1]);
+            used += 2;
+        } else {
+            return "unknown option " + args[used];
+        }
+    }
+    rest.assign(args.begin() + static_cast<std::ptrdiff_t>(used), args.end());
+    return "";
+}
+
+// `get|post|put [TLS options] URL [DATA]`: DATA "-" reads standard input.
+int RunRequest(const Args& given, ZOTH::EREQUEST_METHOD_tag method, const char* name) {
+    CHttpClientCurl client;
+    Args args;
+    const std::string bad = TakeTlsOptions(given, client, args);
+    if (!bad.empty()) return Fail(bad);
     if (args.empty() || args.size() > 2) return Fail(std::string(name) + " needs URL [DATA]");
     std::string data = args.size() == 2 ? args[1] : "";
     if (data == "-") data = ReadStdin();
-    CHttpClientCurl client;
     std::string response;
     int ok = method == ZOTH::EREQUEST_METHOD_GET    ? client.HttpGet(args[0], "", data, response)
              : method == ZOTH::EREQUEST_METHOD_POST ? client.HttpPost(args[0], "", data, response)
@@ -89,9 +112,12 @@ private:
     bool m_drawn = false;
 };
 
-int RunDownload(const Args& args) {
-    if (args.size() != 2) return Fail("download needs URL FILE");
+int RunDownload(const Args& given) {
     CHttpClientCurl client;
+    Args args;
+    const std::string bad = TakeTlsOptions(given, client, args);
+    if (!bad.empty()) return Fail(bad);
+    if (args.size() != 2) return Fail("download needs URL FILE");
     ProgressBar bar;
     if (isatty(STDOUT_FILENO))
         client.SetProgressObserver([&bar](double total, double now) { bar(total, now); });
@@ -105,21 +131,27 @@ int RunDownload(const Args& args) {
     return 0;
 }
 
-int RunUpload(const Args& args) {
-    if (args.size() != 2) return Fail("upload needs URL FILE");
+int RunUpload(const Args& given) {
     CHttpClientCurl client;
+    Args args;
+    const std::string bad = TakeTlsOptions(given, client, args);
+    if (!bad.empty()) return Fail(bad);
+    if (args.size() != 2) return Fail("upload needs URL FILE");
     std::string response;
     if (!client.HttpPostFile(args[0], "", "", args[1], response)) return TransferFailed("upload", client);
     return PrintBody(response);
 }
 
-int RunSpeed(const Args& args) {
+int RunSpeed(const Args& given) {
+    CHttpClientCurl client;
+    Args args;
+    const std::string bad = TakeTlsOptions(given, client, args);
+    if (!bad.empty()) return Fail(bad);
     if (args.size() != 2) return Fail("speed needs URL SECONDS");
     char* end = nullptr;
     long seconds = std::strtol(args[1].c_str(), &end, 10);
     if (end == args[1].c_str() || *end != '\0' || seconds <= 0 || seconds > 3600)
         return Fail("SECONDS must be a whole number from 1 to 3600");
-    CHttpClientCurl client;
     // On a terminal the bar shows the probe's time running out.
     ProgressBar bar("ms");
     const auto start = std::chrono::steady_clock::now();
@@ -164,15 +196,26 @@ std::string Md5Hex(const std::string& data) {
 
 } // namespace
 
+// Shown in the usage of every libcurl command.
+#define TLS_OPTIONS_HELP                                                                                     \
+    "\n  --verify       verify the HTTPS server's certificate and host name (system trust store)"            \
+    "\n  --cacert FILE  trust the CA certificates in FILE (or a hashed folder) instead; implies --verify"    \
+    "\nWithout them HTTPS is encrypted but not authenticated: any certificate is accepted."
+
 std::vector<Command> HttpCommands() {
     return {
-        {"get", "get URL", "GET a URL and print the body", RunGet},
-        {"post", "post URL [DATA|-]", "POST DATA (or standard input) and print the body", RunPost},
-        {"put", "put URL [DATA|-]", "PUT DATA (or standard input) and print the body", RunPut},
-        {"download", "download URL FILE", "download a URL whole into FILE (only a complete 200 answer)",
-         RunDownload},
-        {"upload", "upload URL FILE", "post FILE as a multipart form and print the answer", RunUpload},
-        {"speed", "speed URL SECONDS", "measure download speed from URL for at most SECONDS", RunSpeed},
+        {"get", "get [--verify] [--cacert FILE] URL" TLS_OPTIONS_HELP, "GET a URL and print the body",
+         RunGet},
+        {"post", "post [--verify] [--cacert FILE] URL [DATA|-]" TLS_OPTIONS_HELP,
+         "POST DATA (or standard input) and print the body", RunPost},
+        {"put", "put [--verify] [--cacert FILE] URL [DATA|-]" TLS_OPTIONS_HELP,
+         "PUT DATA (or standard input) and print the body", RunPut},
+        {"download", "download [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
+         "download a URL whole into FILE (only a complete 200 answer)", RunDownload},
+        {"upload", "upload [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
+         "post FILE as a multipart form and print the answer", RunUpload},
+        {"speed", "speed [--verify] [--cacert FILE] URL SECONDS" TLS_OPTIONS_HELP,
+         "measure download speed from URL for at most SECONDS", RunSpeed},
         {"wget", "wget HOST PATH", "plain HTTP GET of PATH from HOST on port 80", RunWget},
     };
 }

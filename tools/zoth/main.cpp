@@ -49,6 +49,10 @@ void PrintHelp(const std::vector<Command>& commands) {
     std::printf("  %-14s %s\n", "demo", "walk every subsystem end to end and print a summary");
     for (const Command& c : commands)
         std::printf("  %-14s %s\n", c.name, c.summary);
+    std::printf("\nget, post, put, download, upload and speed take --verify (check the HTTPS server's\n"
+                "certificate and host name against the system trust store) and --cacert FILE (trust the\n"
+                "CA in FILE instead; implies --verify) before the URL. Without them HTTPS is encrypted\n"
+                "but not authenticated: any certificate is accepted.\n");
 }
 
 int RunDemo(const Args& args) {

@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -104,6 +105,21 @@ public:
     // Observer told of progress during DownloadFile and TestNetSpeed; an empty one removes it.
     void SetProgressObserver(ProgressObserver observer);
 
+    // Connection reuse for every later libcurl transfer of this object; on by default. On, a transfer
+    // draws connections, DNS answers and TLS sessions from one cache of the process, so a new handle
+    // need not mean a new TCP and TLS handshake. Off, each transfer connects anew and its connection
+    // closes with its handle.
+    void SetConnectionReuse(bool reuse);
+    // TLS verification for every later libcurl transfer of this object; off by default, and HTTPS is
+    // then encrypted but not authenticated. On, the peer's certificate chain is checked against the
+    // system's trust store (or the CA of SetTlsCaPath) and the host name against the certificate; a
+    // failure ends the transfer with libcurl's code (CURLE_PEER_FAILED_VERIFICATION, 60).
+    void SetTlsVerify(bool verify);
+    // Trusts the CA certificates of a PEM bundle file, or of a folder prepared by `openssl rehash`,
+    // instead of the system's trust store, and turns verification on. An empty path goes back to the
+    // system's store and leaves verification as it is.
+    void SetTlsCaPath(std::string path);
+
 private:
     // Options shared by requests and uploads, in their fixed order. false when one failed.
     bool SetRequestOptions(const std::string& url, const std::string& proxy);
@@ -114,6 +130,12 @@ private:
     void BeginTransfer();
     // Makes room for `incoming` more body bytes, growing by what arrives, never past an announced length.
     void ReserveForBody(size_t incoming);
+    // Options beyond the tables, set last: the shared cache unless switched off, and the trusted CA
+    // of a verifying object. False at the first option that fails.
+    bool SetShareAndTrustOptions();
+    struct Settings;
+    // This object's settings, made on first change: a null m_pSettings means every default.
+    Settings& EditSettings();
 
     DWORD m_dwStartTime;
     DWORD m_dwEndTime;
@@ -139,6 +161,11 @@ private:
     static int CurlStopCallback(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t);
     static int CurlStopProgressCallback(void* user, curl_off_t dltotal, curl_off_t dlnow, curl_off_t ultotal,
                                         curl_off_t ulnow);
+
+    // Settings added after the class's first layout (connection reuse, TLS verification, CA path)
+    // live behind this one pointer, copied deeply with the object, so later settings can join them
+    // without changing the class's size or layout. Keep it the last member.
+    std::unique_ptr<Settings> m_pSettings;
 };
 
 } // namespace ZOTH
