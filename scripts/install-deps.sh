@@ -10,6 +10,7 @@ PACKAGES=(
   sqlite3 curl openssl
   clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix
+  libpoco-dev libabsl-dev  # benchmark peers only: the library never links them
 )
 
 missing=()

@@ -4,9 +4,11 @@
 #include "zoth/platform/Win32Format.h"
 #include "zoth/platform/Win32Guid.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <cwchar>
 #include <new>
 
@@ -24,16 +26,32 @@ namespace {
 
 // One splitting walk for every character and container type: each separator closes a piece, and
 // the end of the text closes the last one, so a trailing separator leaves an empty last piece.
+// `add` takes a piece as [begin, end) and builds it in place.
 template <typename Str, typename Add>
 void Split(const Str& text, typename Str::value_type separator, int keepEmpty, Add add) {
-    typename Str::size_type begin = 0;
+    using Traits = typename Str::traits_type;
+    const auto* begin = text.data();
+    const auto* const end = begin + text.size();
     for (;;) {
-        typename Str::size_type end = text.find(separator, begin);
-        Str piece = text.substr(begin, end == Str::npos ? Str::npos : end - begin);
-        if (keepEmpty != 0 || !piece.empty()) add(std::move(piece));
-        if (end == Str::npos) return;
-        begin = end + 1;
+        const auto* hit = Traits::find(begin, static_cast<size_t>(end - begin), separator);
+        const auto* stop = hit != nullptr ? hit : end;
+        if (keepEmpty != 0 || stop != begin) add(begin, stop);
+        if (hit == nullptr) return;
+        begin = hit + 1;
     }
+}
+
+// With empty pieces kept, makes room in `pieces` for exactly the pieces `text` gives, so they are
+// built in place once and never moved by a reallocation; growth stays geometric for callers that
+// append again and again. Without them the count is only a bound (",,,," gives nothing), so the
+// vector grows as usual rather than reserve for pieces that never come.
+template <typename Str>
+void ReserveForPieces(const Str& text, typename Str::value_type separator, int keepEmpty,
+                      std::vector<Str>& pieces) {
+    if (keepEmpty == 0) return;
+    size_t most = static_cast<size_t>(std::count(text.begin(), text.end(), separator)) + 1;
+    if (pieces.capacity() - pieces.size() < most)
+        pieces.reserve(std::max(pieces.size() + most, 2 * pieces.capacity()));
 }
 
 // Replaces each occurrence once, from `position` on, never searching inserted text.
@@ -86,17 +104,22 @@ std::basic_string<Char> FormatV(const Char* format, va_list args, Measure measur
 
 void STRING_UTIL::SplitStringA(const std::string& text, char separator, std::vector<std::string>& pieces,
                                int keepEmpty) {
-    Split(text, separator, keepEmpty, [&](std::string&& piece) { pieces.push_back(std::move(piece)); });
+    ReserveForPieces(text, separator, keepEmpty, pieces);
+    Split(text, separator, keepEmpty,
+          [&](const char* begin, const char* end) { pieces.emplace_back(begin, end); });
 }
 
 void STRING_UTIL::SplitStringA(const std::string& text, char separator, std::set<std::string>& pieces,
                                int keepEmpty) {
-    Split(text, separator, keepEmpty, [&](std::string&& piece) { pieces.insert(std::move(piece)); });
+    Split(text, separator, keepEmpty,
+          [&](const char* begin, const char* end) { pieces.emplace(begin, end); });
 }
 
 void STRING_UTIL::SplitStringW(const std::wstring& text, wchar_t separator, std::vector<std::wstring>& pieces,
                                int keepEmpty) {
-    Split(text, separator, keepEmpty, [&](std::wstring&& piece) { pieces.push_back(std::move(piece)); });
+    ReserveForPieces(text, separator, keepEmpty, pieces);
+    Split(text, separator, keepEmpty,
+          [&](const wchar_t* begin, const wchar_t* end) { pieces.emplace_back(begin, end); });
 }
 
 std::string& STRING_UTIL::ReplaceAll(std::string& text, std::string oldValue, std::string newValue,
@@ -179,12 +202,25 @@ std::string STRING_UTIL::ToLower(std::string& text) {
 
 // 32 upper-case hex digits of a fresh random GUID, no dashes or braces. The record starts zeroed, so a
 // failing random source would give 32 zeros rather than stack garbage.
+// The GUID's fields as "%08X%04X%04X" and its eight last bytes as "%02X" each: 32 upper-case hex
+// digits, no dashes, no braces.
 std::string STRING_UTIL::GetGuid() {
+    static const char kHex[] = "0123456789ABCDEF";
     GUID guid = {};
     CoCreateGuid(&guid);
-    return StdFormatA("%08X%04X%04X%02X%02X%02X%02X%02X%02X%02X%02X", static_cast<unsigned int>(guid.Data1),
-                      guid.Data2, guid.Data3, guid.Data4[0], guid.Data4[1], guid.Data4[2], guid.Data4[3],
-                      guid.Data4[4], guid.Data4[5], guid.Data4[6], guid.Data4[7]);
+    unsigned char bytes[16] = {
+        static_cast<unsigned char>(guid.Data1 >> 24), static_cast<unsigned char>(guid.Data1 >> 16),
+        static_cast<unsigned char>(guid.Data1 >> 8),  static_cast<unsigned char>(guid.Data1),
+        static_cast<unsigned char>(guid.Data2 >> 8),  static_cast<unsigned char>(guid.Data2),
+        static_cast<unsigned char>(guid.Data3 >> 8),  static_cast<unsigned char>(guid.Data3),
+    };
+    std::memcpy(bytes + 8, guid.Data4, 8);
+    std::string text(32, '0');
+    for (int i = 0; i < 16; ++i) {
+        text[2 * i] = kHex[bytes[i] >> 4];
+        text[2 * i + 1] = kHex[bytes[i] & 0x0F];
+    }
+    return text;
 }
 
 std::string STRING_UTIL::Int2String(int value) {

@@ -2,22 +2,108 @@
 // operations on bytes; nothing is validated and only the http and https heads are known.
 #include "zoth/text/STRING_UTIL.h"
 
+#include <bit>
 #include <cctype>
+#include <cstring>
+
+// The escaping walks take sixteen bytes at a time where SSE2 is there (every x86-64); elsewhere the
+// byte-by-byte walk below does all of it.
+#if defined(__SSE2__) || defined(_M_X64)
+#include <emmintrin.h>
+#define ZOTH_URL_SSE2 1
+#else
+#define ZOTH_URL_SSE2 0
+#endif
 
 namespace ZOTH {
 
 namespace {
 
-// The value of one escape digit: 0-9, then A-Z and a-z as 10-35. Anything else, and a position
-// past the end of the text, counts as 0, so nothing beyond the input is ever read.
-unsigned int EscapeDigit(const std::string& text, size_t position) {
-    if (position >= text.size()) return 0;
-    char c = text[position];
-    if (c >= '0' && c <= '9') return static_cast<unsigned int>(c - '0');
-    if (c >= 'A' && c <= 'Z') return static_cast<unsigned int>(c - 'A' + 10);
-    if (c >= 'a' && c <= 'z') return static_cast<unsigned int>(c - 'a' + 10);
-    return 0;
+// Escape digit values: 0-9, then A-Z and a-z as 10-35; every other byte counts as 0.
+struct DigitTable {
+    unsigned char value[256] = {};
+    constexpr DigitTable() {
+        for (int c = '0'; c <= '9'; ++c)
+            value[c] = static_cast<unsigned char>(c - '0');
+        for (int c = 'A'; c <= 'Z'; ++c)
+            value[c] = static_cast<unsigned char>(c - 'A' + 10);
+        for (int c = 'a'; c <= 'z'; ++c)
+            value[c] = static_cast<unsigned char>(c - 'a' + 10);
+    }
+};
+constexpr DigitTable kDigits;
+
+// The value of one escape digit; a position past the end of the text counts as 0, so nothing beyond
+// the input is ever read.
+unsigned int EscapeDigit(const char* text, size_t size, size_t position) {
+    return position < size ? kDigits.value[static_cast<unsigned char>(text[position])] : 0;
 }
+
+// What UrlEncode writes for each byte: its characters (up to three; a fourth slot lets every entry be
+// copied as four bytes) and their count. ASCII letters and digits and - _ . ~ stand for themselves
+// (what isalnum gives below 0x80 in every locale), a space is "+", every other byte "%" and two
+// upper-case hex digits. Bytes from 0x80 up are escapes here; HighLetters may keep them.
+struct EscapeTable {
+    char code[256][4];
+    unsigned char length[256];
+};
+
+// Which bytes from 0x80 up isalnum accepts in the process's locale, asked once per byte value and
+// call, so the measuring and the writing pass of one call always agree.
+class HighLetters {
+public:
+    HighLetters() { std::memset(m_known, -1, sizeof(m_known)); }
+
+    bool operator()(unsigned char byte) {
+        signed char& known = m_known[byte - 0x80];
+        if (known < 0) known = std::isalnum(byte) != 0;
+        return known != 0;
+    }
+
+private:
+    signed char m_known[0x80];
+};
+
+constexpr EscapeTable MakeEscapeTable() {
+    const char hex[] = "0123456789ABCDEF";
+    EscapeTable table{};
+    for (int b = 0; b < 256; ++b) {
+        bool letter = b < 0x80 && (b | 0x20) >= 'a' && (b | 0x20) <= 'z';
+        if (letter || (b >= '0' && b <= '9') || b == '-' || b == '_' || b == '.' || b == '~') {
+            table.code[b][0] = static_cast<char>(b);
+            table.length[b] = 1;
+        } else if (b == ' ') {
+            table.code[b][0] = '+';
+            table.length[b] = 1;
+        } else {
+            table.code[b][0] = '%';
+            table.code[b][1] = hex[b >> 4];
+            table.code[b][2] = hex[b & 0x0F];
+            table.length[b] = 3;
+        }
+    }
+    return table;
+}
+constexpr EscapeTable kEscapes = MakeEscapeTable();
+
+#if ZOTH_URL_SSE2
+// Per byte of v: all ones where it lies in [low, high] (unsigned), else zero.
+inline __m128i InRange(__m128i v, unsigned char low, unsigned char high) {
+    __m128i shifted = _mm_add_epi8(v, _mm_set1_epi8(static_cast<char>(0x80 - low)));
+    return _mm_cmplt_epi8(shifted, _mm_set1_epi8(static_cast<char>(0x80 + (high - low) + 1)));
+}
+
+// Bit i set where byte i of v is an ASCII byte that UrlEncode leaves as it is.
+inline unsigned int AsciiPassMask(__m128i v) {
+    __m128i letter = InRange(_mm_or_si128(v, _mm_set1_epi8(0x20)), 'a', 'z');
+    __m128i pass = _mm_or_si128(letter, InRange(v, '0', '9'));
+    pass = _mm_or_si128(pass, _mm_cmpeq_epi8(v, _mm_set1_epi8('-')));
+    pass = _mm_or_si128(pass, _mm_cmpeq_epi8(v, _mm_set1_epi8('_')));
+    pass = _mm_or_si128(pass, _mm_cmpeq_epi8(v, _mm_set1_epi8('.')));
+    pass = _mm_or_si128(pass, _mm_cmpeq_epi8(v, _mm_set1_epi8('~')));
+    return static_cast<unsigned int>(_mm_movemask_epi8(pass));
+}
+#endif
 
 // The URL without its scheme head: every "https://" when the URL holds "https" anywhere, else every
 // "http://".
@@ -35,41 +121,111 @@ std::string WithoutHead(const std::string& url) {
 // Letters and digits (by isalnum) and - _ . ~ pass; a space becomes "+"; every other byte becomes
 // "%" and two upper-case hex digits.
 std::string STRING_UTIL::UrlEncode(const std::string& text) {
-    static const char kHex[] = "0123456789ABCDEF";
-    std::string result;
-    result.reserve(text.size() * 3);
-    for (char c : text) {
-        unsigned char byte = static_cast<unsigned char>(c);
-        if (std::isalnum(byte) || c == '-' || c == '_' || c == '.' || c == '~') {
-            result += c;
-        } else if (c == ' ') {
-            result += '+';
-        } else {
-            result += '%';
-            result += kHex[byte >> 4];
-            result += kHex[byte & 0x0F];
-        }
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(text.data());
+    const size_t size = text.size();
+    HighLetters highLetters;
+    auto lengthOf = [&](unsigned char byte) -> size_t {
+        return byte >= 0x80 && highLetters(byte) ? 1 : kEscapes.length[byte];
+    };
+
+    // First pass: the exact length, so the result is allocated once.
+    size_t length = 0, i = 0;
+#if ZOTH_URL_SSE2
+    for (; i + 16 <= size; i += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        __m128i space = _mm_cmpeq_epi8(v, _mm_set1_epi8(' '));
+        unsigned int stop =
+            ~(AsciiPassMask(v) | static_cast<unsigned int>(_mm_movemask_epi8(space))) & 0xFFFF;
+        length += 16 + 2 * static_cast<size_t>(std::popcount(stop));
+        for (unsigned int high = static_cast<unsigned int>(_mm_movemask_epi8(v)); high != 0; high &= high - 1)
+            length -= 3 - lengthOf(in[i + static_cast<unsigned int>(std::countr_zero(high))]);
     }
+#endif
+    for (; i < size; ++i)
+        length += lengthOf(in[i]);
+
+    std::string result(length + 3, '\0'); // room for the last entry's four-byte copy
+    char* out = result.data();
+    auto escape = [&](unsigned char byte) {
+        if (byte >= 0x80 && highLetters(byte)) {
+            *out++ = static_cast<char>(byte);
+        } else {
+            std::memcpy(out, kEscapes.code[byte], 4);
+            out += kEscapes.length[byte];
+        }
+    };
+    i = 0;
+#if ZOTH_URL_SSE2
+    // Sixteen bytes are stored at once, spaces already turned to "+", and the walk moves up to the
+    // first byte that needs more than a copy. The room left in the result is never less than the input
+    // left, so the 16-byte store stays inside it.
+    while (i + 16 <= size) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        __m128i space = _mm_cmpeq_epi8(v, _mm_set1_epi8(' '));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                         _mm_or_si128(_mm_andnot_si128(space, v), _mm_and_si128(space, _mm_set1_epi8('+'))));
+        unsigned int stop =
+            ~(AsciiPassMask(v) | static_cast<unsigned int>(_mm_movemask_epi8(space))) & 0xFFFF;
+        if (stop == 0) {
+            i += 16;
+            out += 16;
+            continue;
+        }
+        unsigned int run = static_cast<unsigned int>(std::countr_zero(stop));
+        out += run;
+        i += run;
+        escape(in[i++]);
+    }
+#endif
+    for (; i < size; ++i)
+        escape(in[i]);
+    result.resize(length);
     return result;
 }
 
 // "+" gives a space; each "%" takes the next two positions as digits and gives exactly one byte,
 // whatever they hold; every other byte passes.
 std::string STRING_UTIL::UrlDecode(const std::string& text) {
-    std::string result;
-    result.reserve(text.size());
-    for (size_t i = 0; i < text.size(); ++i) {
-        char c = text[i];
+    const char* in = text.data();
+    const size_t size = text.size();
+    std::string result(size, '\0'); // never longer than the input
+    char* out = result.data();
+    size_t i = 0;
+#if ZOTH_URL_SSE2
+    // Sixteen bytes are stored at once with "+" already a space, and the walk moves up to the first
+    // "%". The result is written no faster than the input is read, so the store stays inside it.
+    while (i + 16 <= size) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
+        __m128i plus = _mm_cmpeq_epi8(v, _mm_set1_epi8('+'));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
+                         _mm_or_si128(_mm_andnot_si128(plus, v), _mm_and_si128(plus, _mm_set1_epi8(' '))));
+        unsigned int escape =
+            static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('%'))));
+        if (escape == 0) {
+            i += 16;
+            out += 16;
+            continue;
+        }
+        unsigned int run = static_cast<unsigned int>(std::countr_zero(escape));
+        i += run;
+        out += run;
+        *out++ = static_cast<char>((EscapeDigit(in, size, i + 1) * 16 + EscapeDigit(in, size, i + 2)) & 0xFF);
+        i += 3;
+    }
+#endif
+    for (; i < size; ++i) {
+        char c = in[i];
         if (c == '+') {
-            result += ' ';
+            *out++ = ' ';
         } else if (c == '%') {
-            unsigned int value = EscapeDigit(text, i + 1) * 16 + EscapeDigit(text, i + 2);
-            result += static_cast<char>(value & 0xFF);
+            *out++ =
+                static_cast<char>((EscapeDigit(in, size, i + 1) * 16 + EscapeDigit(in, size, i + 2)) & 0xFF);
             i += 2;
         } else {
-            result += c;
+            *out++ = c;
         }
     }
+    result.resize(static_cast<size_t>(out - result.data()));
     return result;
 }
 
