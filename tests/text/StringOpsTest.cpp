@@ -9,6 +9,11 @@
 #include <thread>
 #include <vector>
 
+#if !defined(_WIN32)
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
+
 using ZOTH::STRING_UTIL;
 using Pieces = std::vector<std::string>;
 using std::string_literals::operator""s;
@@ -189,3 +194,27 @@ TEST(TextStringOps, GuidTextIsUniqueUpperHex) {
     }
     EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size());
 }
+
+#if !defined(_WIN32)
+TEST(TextStringOps, GuidsAfterForkDifferFromTheParents) {
+    // GUIDs come from a per-thread batch of random bytes; a forked child must not hand out the ones
+    // its parent has still to give.
+    STRING_UTIL::GetGuid();
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::string id = STRING_UTIL::GetGuid();
+        _exit(write(fds[1], id.data(), id.size()) == 32 ? 0 : 1);
+    }
+    close(fds[1]);
+    std::string fromChild(32, '\0');
+    EXPECT_EQ(read(fds[0], fromChild.data(), 32), 32);
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(fromChild, STRING_UTIL::GetGuid());
+}
+#endif
