@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cctype>
+#include <cstdint>
 #include <cstring>
 
 // The escaping walks take sixteen bytes at a time where SSE2 is there (every x86-64); elsewhere the
@@ -35,8 +36,8 @@ constexpr DigitTable kDigits;
 
 // The value of one escape digit; a position past the end of the text counts as 0, so nothing beyond
 // the input is ever read.
-unsigned int EscapeDigit(const char* text, size_t size, size_t position) {
-    return position < size ? kDigits.value[static_cast<unsigned char>(text[position])] : 0;
+unsigned int EscapeDigit(const unsigned char* text, size_t size, size_t position) {
+    return position < size ? kDigits.value[text[position]] : 0;
 }
 
 // What UrlEncode writes for each byte: its characters (up to three; a fourth slot lets every entry be
@@ -103,6 +104,37 @@ inline unsigned int AsciiPassMask(__m128i v) {
     pass = _mm_or_si128(pass, _mm_cmpeq_epi8(v, _mm_set1_epi8('~')));
     return static_cast<unsigned int>(_mm_movemask_epi8(pass));
 }
+
+// Bit i set where byte i of v needs more than a copy from UrlEncode: not passing, not a space.
+inline unsigned int EncodeStops(__m128i v) {
+    unsigned int space = static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(' '))));
+    return ~(AsciiPassMask(v) | space) & 0xFFFF;
+}
+
+// Bit i set where byte i of v is a "%".
+inline unsigned int DecodeStops(__m128i v) {
+    return static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('%'))));
+}
+
+// The stop bits of the 64 bytes at `in`.
+template <typename Stops> uint64_t StopMask64(const unsigned char* in, Stops stops) {
+    uint64_t mask = 0;
+    for (int block = 0; block < 4; ++block)
+        mask |= uint64_t{stops(_mm_loadu_si128(reinterpret_cast<const __m128i*>(in + 16 * block)))}
+                << (16 * block);
+    return mask;
+}
+
+// Copies `length` bytes from `in` to `out` sixteen at a time, each `from` byte turned into `to`. It
+// reads and writes up to 15 bytes beyond the run: the callers keep that much room on both sides.
+inline void CopyRun(const unsigned char* in, size_t length, char* out, char from, char to) {
+    for (size_t k = 0; k < length; k += 16) {
+        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + k));
+        __m128i hit = _mm_cmpeq_epi8(v, _mm_set1_epi8(from));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(out + k),
+                         _mm_or_si128(_mm_andnot_si128(hit, v), _mm_and_si128(hit, _mm_set1_epi8(to))));
+    }
+}
 #endif
 
 // The URL without its scheme head: every "https://" when the URL holds "https" anywhere, else every
@@ -156,25 +188,22 @@ std::string STRING_UTIL::UrlEncode(const std::string& text) {
     };
     i = 0;
 #if ZOTH_URL_SSE2
-    // Sixteen bytes are stored at once, spaces already turned to "+", and the walk moves up to the
-    // first byte that needs more than a copy. The room left in the result is never less than the input
-    // left, so the 16-byte store stays inside it.
-    while (i + 16 <= size) {
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
-        __m128i space = _mm_cmpeq_epi8(v, _mm_set1_epi8(' '));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                         _mm_or_si128(_mm_andnot_si128(space, v), _mm_and_si128(space, _mm_set1_epi8('+'))));
-        unsigned int stop =
-            ~(AsciiPassMask(v) | static_cast<unsigned int>(_mm_movemask_epi8(space))) & 0xFFFF;
-        if (stop == 0) {
-            i += 16;
-            out += 16;
-            continue;
+    // Windows of 64 bytes: one mask marks the bytes that need more than a copy, and the runs between
+    // them are copied sixteen bytes at a time. A window is walked only while 16 more bytes of input
+    // follow it, so the copies' overreach stays inside the input, and inside the result, whose room
+    // is never less than the input left.
+    for (; i + 80 <= size; i += 64) {
+        uint64_t stops = StopMask64(in + i, EncodeStops);
+        size_t done = 0;
+        for (; stops != 0; stops &= stops - 1) {
+            size_t at = static_cast<size_t>(std::countr_zero(stops));
+            CopyRun(in + i + done, at - done, out, ' ', '+');
+            out += at - done;
+            escape(in[i + at]);
+            done = at + 1;
         }
-        unsigned int run = static_cast<unsigned int>(std::countr_zero(stop));
-        out += run;
-        i += run;
-        escape(in[i++]);
+        CopyRun(in + i + done, 64 - done, out, ' ', '+');
+        out += 64 - done;
     }
 #endif
     for (; i < size; ++i)
@@ -186,35 +215,37 @@ std::string STRING_UTIL::UrlEncode(const std::string& text) {
 // "+" gives a space; each "%" takes the next two positions as digits and gives exactly one byte,
 // whatever they hold; every other byte passes.
 std::string STRING_UTIL::UrlDecode(const std::string& text) {
-    const char* in = text.data();
+    const unsigned char* in = reinterpret_cast<const unsigned char*>(text.data());
     const size_t size = text.size();
     std::string result(size, '\0'); // never longer than the input
     char* out = result.data();
     size_t i = 0;
 #if ZOTH_URL_SSE2
-    // Sixteen bytes are stored at once with "+" already a space, and the walk moves up to the first
-    // "%". The result is written no faster than the input is read, so the store stays inside it.
-    while (i + 16 <= size) {
-        __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i*>(in + i));
-        __m128i plus = _mm_cmpeq_epi8(v, _mm_set1_epi8('+'));
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(out),
-                         _mm_or_si128(_mm_andnot_si128(plus, v), _mm_and_si128(plus, _mm_set1_epi8(' '))));
-        unsigned int escape =
-            static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8('%'))));
-        if (escape == 0) {
-            i += 16;
-            out += 16;
-            continue;
+    // Windows of 64 bytes as in UrlEncode, "+" turned into a space on the way. An escape near the end
+    // of a window takes its digits from the next one, which then starts behind them. The result is
+    // written no faster than the input is read, so the copies' overreach stays inside it too.
+    while (i + 80 <= size) {
+        uint64_t stops = StopMask64(in + i, DecodeStops);
+        size_t done = 0;
+        while (stops != 0) {
+            size_t at = static_cast<size_t>(std::countr_zero(stops));
+            CopyRun(in + i + done, at - done, out, '+', ' ');
+            out += at - done;
+            *out++ = static_cast<char>((kDigits.value[in[i + at + 1]] * 16 + kDigits.value[in[i + at + 2]]) &
+                                       0xFF);
+            done = at + 3;
+            stops = done >= 64 ? 0 : stops & (~uint64_t{0} << done);
         }
-        unsigned int run = static_cast<unsigned int>(std::countr_zero(escape));
-        i += run;
-        out += run;
-        *out++ = static_cast<char>((EscapeDigit(in, size, i + 1) * 16 + EscapeDigit(in, size, i + 2)) & 0xFF);
-        i += 3;
+        if (done < 64) {
+            CopyRun(in + i + done, 64 - done, out, '+', ' ');
+            out += 64 - done;
+            done = 64;
+        }
+        i += done;
     }
 #endif
     for (; i < size; ++i) {
-        char c = in[i];
+        char c = static_cast<char>(in[i]);
         if (c == '+') {
             *out++ = ' ';
         } else if (c == '%') {

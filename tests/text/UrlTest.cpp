@@ -95,11 +95,12 @@ std::string DecodeByByte(const std::string& text) {
 } // namespace
 
 TEST(TextUrl, BlockWalksMatchTheByteRules) {
-    // The walks take 16 bytes at a time and stop at the first byte that needs more than a copy: every
-    // special byte at every position of texts around one and two blocks, and an escape cut off at
-    // the end of each of those lengths.
+    // The walks mark the bytes that need more than a copy in windows of 64 and copy the runs between
+    // them 16 bytes at a time, while 16 more bytes follow the window: every special byte at every
+    // position of texts up to two windows and a half (escapes whose digits lie in the next window
+    // included), and an escape cut off at the end of each of those lengths.
     const std::string specials = "% +&=/\x7F\x80\xE4\xFF\0"s;
-    for (size_t size = 0; size <= 40; ++size)
+    for (size_t size = 0; size <= 160; ++size)
         for (size_t at = 0; at < size; ++at)
             for (char special : specials) {
                 std::string text(size, 'a');
@@ -107,7 +108,7 @@ TEST(TextUrl, BlockWalksMatchTheByteRules) {
                 ASSERT_EQ(STRING_UTIL::UrlEncode(text), EncodeByByte(text)) << size << " " << at;
                 ASSERT_EQ(STRING_UTIL::UrlDecode(text), DecodeByByte(text)) << size << " " << at;
             }
-    for (size_t size = 1; size <= 40; ++size)
+    for (size_t size = 1; size <= 160; ++size)
         for (const char* tail : {"%", "%4", "%41", "+"}) {
             std::string text = std::string(size, 'b') + tail;
             ASSERT_EQ(STRING_UTIL::UrlDecode(text), DecodeByByte(text)) << text;
@@ -118,7 +119,7 @@ TEST(TextUrl, BlockWalksMatchTheByteRules) {
     std::mt19937 rng(99);
     const std::string plain = "abcXYZ019-_.~";
     for (int round = 0; round < 2000; ++round) {
-        std::string text(rng() % 100, '\0');
+        std::string text(rng() % 300, '\0');
         unsigned int density = rng() % 101;
         for (char& c : text)
             c = rng() % 100 < density ? static_cast<char>(rng() % 256) : plain[rng() % plain.size()];
