@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
@@ -61,6 +62,48 @@ TEST(TextStringOps, Split) {
     STRING_UTIL::SplitStringW(L"", L',', w, 0);
     STRING_UTIL::SplitStringW(L"a,,b", L',', w, 0);
     EXPECT_EQ(w.size(), 6u);
+}
+
+TEST(TextStringOps, SplitOfLongTextMatchesAByteLoop) {
+    // Narrow text is scanned in windows of 64 bytes: separators at every position of texts up to three
+    // windows long, then random texts of every separator density, against a plain byte loop.
+    auto byByte = [](const std::string& text, char separator, int keepEmpty) {
+        Pieces all(1), kept{"old"};
+        for (char c : text)
+            if (c == separator)
+                all.emplace_back();
+            else
+                all.back() += c;
+        for (const std::string& piece : all)
+            if (keepEmpty || !piece.empty()) kept.push_back(piece);
+        return kept;
+    };
+    auto check = [&](const std::string& text, char separator) {
+        for (int keepEmpty : {0, 1}) {
+            Pieces pieces{"old"};
+            STRING_UTIL::SplitStringA(text, separator, pieces, keepEmpty);
+            ASSERT_EQ(pieces, byByte(text, separator, keepEmpty))
+                << text.size() << " keepEmpty " << keepEmpty;
+            std::set<std::string> set{"old"};
+            STRING_UTIL::SplitStringA(text, separator, set, keepEmpty);
+            Pieces expected = byByte(text, separator, keepEmpty);
+            ASSERT_EQ(set, std::set<std::string>(expected.begin(), expected.end()));
+        }
+    };
+    for (size_t size = 0; size <= 200; ++size)
+        for (size_t at = 0; at < size; ++at) {
+            std::string text(size, 'x');
+            text[at] = ',';
+            check(text, ',');
+        }
+    std::mt19937 rng(5);
+    for (int round = 0; round < 500; ++round) {
+        std::string text(rng() % 400, '\0');
+        unsigned int density = rng() % 101;
+        for (char& c : text)
+            c = rng() % 100 < density ? '\xE4' : static_cast<char>('a' + rng() % 26);
+        check(text, '\xE4'); // a separator above 0x7F: compared as a byte, never as a signed char
+    }
 }
 
 TEST(TextStringOps, ReplaceAllAndReplaceAllDistinct) {
