@@ -19,6 +19,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     std::vector<std::string> all;
     STRING_UTIL::SplitStringA(text, separator, all, 1);
+    std::vector<std::string> byByte(1); // a plain byte loop: a separator starts the next piece
+    for (char c : text) {
+        if (c == separator)
+            byByte.emplace_back();
+        else
+            byByte.back() += c;
+    }
+    if (all != byByte) std::abort();
     std::string joined;
     for (size_t i = 0; i < all.size(); ++i)
         joined += (i ? std::string(1, separator) : std::string()) + all[i];

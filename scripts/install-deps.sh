@@ -7,11 +7,11 @@ PACKAGES=(
   make g++ cmake ninja-build pkg-config git ca-certificates
   libcurl4-openssl-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libssl-dev libcpp-httplib-dev
-  libpoco-dev # POCO, a peer in the benchmarks only: the library does not use it
   sqlite3 curl openssl
   clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix
   doxygen lintian abigail-tools dpkg-dev fakeroot
+  libpoco-dev libabsl-dev  # benchmark peers only: the library never links them
 )
 
 missing=()

@@ -4,10 +4,16 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <random>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
+
+#if !defined(_WIN32)
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
 
 using ZOTH::STRING_UTIL;
 using Pieces = std::vector<std::string>;
@@ -56,6 +62,48 @@ TEST(TextStringOps, Split) {
     STRING_UTIL::SplitStringW(L"", L',', w, 0);
     STRING_UTIL::SplitStringW(L"a,,b", L',', w, 0);
     EXPECT_EQ(w.size(), 6u);
+}
+
+TEST(TextStringOps, SplitOfLongTextMatchesAByteLoop) {
+    // Narrow text is scanned in windows of 64 bytes: separators at every position of texts up to three
+    // windows long, then random texts of every separator density, against a plain byte loop.
+    auto byByte = [](const std::string& text, char separator, int keepEmpty) {
+        Pieces all(1), kept{"old"};
+        for (char c : text)
+            if (c == separator)
+                all.emplace_back();
+            else
+                all.back() += c;
+        for (const std::string& piece : all)
+            if (keepEmpty || !piece.empty()) kept.push_back(piece);
+        return kept;
+    };
+    auto check = [&](const std::string& text, char separator) {
+        for (int keepEmpty : {0, 1}) {
+            Pieces pieces{"old"};
+            STRING_UTIL::SplitStringA(text, separator, pieces, keepEmpty);
+            ASSERT_EQ(pieces, byByte(text, separator, keepEmpty))
+                << text.size() << " keepEmpty " << keepEmpty;
+            std::set<std::string> set{"old"};
+            STRING_UTIL::SplitStringA(text, separator, set, keepEmpty);
+            Pieces expected = byByte(text, separator, keepEmpty);
+            ASSERT_EQ(set, std::set<std::string>(expected.begin(), expected.end()));
+        }
+    };
+    for (size_t size = 0; size <= 200; ++size)
+        for (size_t at = 0; at < size; ++at) {
+            std::string text(size, 'x');
+            text[at] = ',';
+            check(text, ',');
+        }
+    std::mt19937 rng(5);
+    for (int round = 0; round < 500; ++round) {
+        std::string text(rng() % 400, '\0');
+        unsigned int density = rng() % 101;
+        for (char& c : text)
+            c = rng() % 100 < density ? '\xE4' : static_cast<char>('a' + rng() % 26);
+        check(text, '\xE4'); // a separator above 0x7F: compared as a byte, never as a signed char
+    }
 }
 
 TEST(TextStringOps, ReplaceAllAndReplaceAllDistinct) {
@@ -189,3 +237,27 @@ TEST(TextStringOps, GuidTextIsUniqueUpperHex) {
     }
     EXPECT_EQ(std::set<std::string>(ids.begin(), ids.end()).size(), ids.size());
 }
+
+#if !defined(_WIN32)
+TEST(TextStringOps, GuidsAfterForkDifferFromTheParents) {
+    // GUIDs come from a per-thread batch of random bytes; a forked child must not hand out the ones
+    // its parent has still to give.
+    STRING_UTIL::GetGuid();
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    pid_t child = fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        std::string id = STRING_UTIL::GetGuid();
+        _exit(write(fds[1], id.data(), id.size()) == 32 ? 0 : 1);
+    }
+    close(fds[1]);
+    std::string fromChild(32, '\0');
+    EXPECT_EQ(read(fds[0], fromChild.data(), 32), 32);
+    close(fds[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_NE(fromChild, STRING_UTIL::GetGuid());
+}
+#endif
