@@ -1,8 +1,5 @@
-// HTTP client throughput against a loopback server: DownloadFile of 256 MiB against `curl -o`, and
-// small GETs on a fresh connection each against a raw libcurl loop with fresh handles.
-// DownloadFile holds the whole body in memory, so on machines where first-touch page faults are dear
-// (virtual machines) it gains much from transparent huge pages for malloc:
-//   GLIBC_TUNABLES=glibc.malloc.hugetlb=1 bench_http_bench
+// HTTP client throughput against a loopback server: small GETs on a fresh connection each against a
+// raw libcurl loop with fresh handles (DownloadFile is measured in bigfile_bench).
 #include "zoth/http/CHttpClientCurl.h"
 
 #include <arpa/inet.h>
@@ -104,28 +101,6 @@ BenchServer& Server() {
     static BenchServer server;
     return server;
 }
-
-const std::string kTarget = "/tmp/zoth_http_bench_download.bin";
-
-void BM_DownloadFile256MiB(benchmark::State& state) {
-    const std::string url = Server().Url("/big");
-    for (auto _ : state) {
-        ZOTH::CHttpClientCurl client;
-        if (!client.DownloadFile(url, kTarget, "")) state.SkipWithError("DownloadFile failed");
-    }
-    state.SetBytesProcessed(state.iterations() * (int64_t{256} << 20));
-    std::remove(kTarget.c_str());
-}
-BENCHMARK(BM_DownloadFile256MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-
-void BM_CurlCommand256MiB(benchmark::State& state) {
-    const std::string command = "curl -s -o " + kTarget + " " + Server().Url("/big");
-    for (auto _ : state)
-        if (std::system(command.c_str()) != 0) state.SkipWithError("curl failed");
-    state.SetBytesProcessed(state.iterations() * (int64_t{256} << 20));
-    std::remove(kTarget.c_str());
-}
-BENCHMARK(BM_CurlCommand256MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
 void BM_HttpGetSmallFreshConnection(benchmark::State& state) {
     const std::string url = Server().Url("/small");
