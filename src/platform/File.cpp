@@ -351,6 +351,11 @@ UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
             SetLastErrorFromErrno(errno == ENOENT ? ENOTDIR : errno); // a missing folder is a path error
             return 0;
         }
+        // A file made under a umask that leaves nobody a write bit would count as read-only and
+        // could neither be written nor deleted; Windows makes a plain, writable file.
+        struct stat made;
+        if (::fstat(fd, &made) == 0 && IsReadOnlyMode(made.st_mode))
+            ::fchmod(fd, (made.st_mode & 07777) | 0200);
         ::close(fd);
         std::memcpy(name, path.c_str(), path.size() + 1);
         SetLastError(ERROR_SUCCESS);
@@ -394,7 +399,8 @@ BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, DWORD flag
         SetLastErrorFromErrno(errno);
         return FALSE;
     }
-    if (S_ISDIR(old.st_mode) || IsReadOnlyMode(old.st_mode)) {
+    // Only a file or a link is replaced: never a folder, a device or a pipe.
+    if ((!S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) || IsReadOnlyMode(old.st_mode)) {
         SetLastError(ERROR_UNABLE_TO_REMOVE_REPLACED);
         return FALSE;
     }

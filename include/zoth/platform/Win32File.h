@@ -69,9 +69,10 @@ typedef union _LARGE_INTEGER {
 // The whole 64-bit size in size->QuadPart. FALSE and the last error on failure.
 ZOTH_API BOOL GetFileSizeEx(HANDLE file, PLARGE_INTEGER size);
 
-// Creates a new empty file "<folder>/<prefix><digits>.TMP" under a name no other file has, and
-// writes that path to `name` (room for MAX_PATH characters). Only `unique` 0 is supported. The
-// nonzero number in the name, or 0 and the last error.
+// Creates a new empty, writable file "<folder>/<prefix><digits>.TMP" under a name no other file has
+// (the first three characters of `prefix`, eight hex digits), and writes that path to `name` (room
+// for MAX_PATH characters). Only `unique` 0 is supported. The nonzero number in the name, or 0 and
+// the last error.
 ZOTH_API UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name);
 
 #define FILE_NAME_NORMALIZED 0x0u
@@ -86,8 +87,8 @@ ZOTH_API DWORD GetFinalPathNameByHandleA(HANDLE file, LPSTR path, DWORD size, DW
 // backup; `backup`, `exclude` and `reserved` must be null, `flags` 0). The new file takes the
 // permission bits (and, where allowed, the owner) of the one it replaces; a hard link to the old file
 // keeps the old content. The name itself is replaced: a link named `replaced` is not followed. A
-// missing `replaced` is ERROR_FILE_NOT_FOUND; a read-only file or a folder is
-// ERROR_UNABLE_TO_REMOVE_REPLACED and stays as it was.
+// missing `replaced` is ERROR_FILE_NOT_FOUND; a read-only file, a folder or anything else that is no
+// file (a device) is ERROR_UNABLE_TO_REMOVE_REPLACED and stays as it was.
 ZOTH_API BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, DWORD flags, LPVOID exclude,
                            LPVOID reserved);
 
