@@ -126,8 +126,10 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
         to->client->m_dwTotalSize += static_cast<DWORD>(n);
         return to->client->m_bStopRequested ? 0 : n;
     };
+    // Chunks of 100 KiB, as curl's own tool receives them: a sixth of the calls of the default.
     if (!SetCurlOption(m_pCurl, m_resultCode, CURLOPT_WRITEFUNCTION, write) ||
-        !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_WRITEDATA, static_cast<void*>(&sink)))
+        !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_WRITEDATA, static_cast<void*>(&sink)) ||
+        !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_BUFFERSIZE, 100L * 1024))
         return 0;
 
     m_resultCode = curl_easy_perform(m_pCurl);

@@ -164,8 +164,9 @@ TEST(FileSizeDigest, DigestMatchesMd5sumAcrossChunkSizes) {
     std::string bytes(3 * (256 << 10) + 70, '\0');
     for (size_t i = 0; i < bytes.size(); ++i)
         bytes[i] = static_cast<char>((i * 131 + i / 977) & 0xff);
-    for (size_t size : {size_t{55}, size_t{64}, size_t{65}, size_t{256 << 10} - 1, size_t{256 << 10},
-                        size_t{(256 << 10) + 1}, size_t{512 << 10}, bytes.size()}) {
+    for (size_t size :
+         {size_t{55}, size_t{64}, size_t{65}, size_t{64 << 10} - 1, size_t{64 << 10}, size_t{(64 << 10) + 1},
+          size_t{256 << 10} - 1, size_t{(256 << 10) + 1}, size_t{512 << 10}, bytes.size()}) {
         SCOPED_TRACE(size);
         const std::string path = dir / ("f" + std::to_string(size));
         Spit(path, bytes.substr(0, size));
