@@ -53,12 +53,14 @@ unsigned ModeOf(const std::string& path) {
     return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : ~0u;
 }
 
-// Serves `body` in pieces of 64 KiB, so that a client sees the transfer in progress many times.
+// Serves `body` in pieces of 64 KiB a few milliseconds apart, so that a client sees the transfer in
+// progress many times (a client that finds more data waiting reads on without reporting progress).
 void RoutePieces(LoopbackServer& server, const std::string& path, const std::string& body) {
-    server.Http().Get(path, [&body](const httplib::Request&, httplib::Response& res) {
+    server.Http().Get(path, [&server, &body](const httplib::Request&, httplib::Response& res) {
         res.set_content_provider(body.size(), "application/octet-stream",
-                                 [&body](size_t offset, size_t length, httplib::DataSink& sink) {
-                                     return sink.write(body.data() + offset,
+                                 [&server, &body](size_t offset, size_t length, httplib::DataSink& sink) {
+                                     return (offset == 0 || server.Nap(2)) &&
+                                            sink.write(body.data() + offset,
                                                        std::min<size_t>(length, 64 << 10));
                                  });
     });
