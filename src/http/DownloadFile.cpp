@@ -65,7 +65,9 @@ public:
         char name[MAX_PATH + 1] = {};
         if (GetTempFileNameA(folder.data(), "zdl", 0, name) == 0) return false;
         m_path = name;
-        m_file = CreateFileA(name, GENERIC_WRITE, FILE_SHARE_READ, nullptr, TRUNCATE_EXISTING,
+        // The file is new and empty. Truncating it would also mark it, on some file systems (ext4),
+        // to have all its data pushed to the disk when it is closed, which costs a download 50%.
+        m_file = CreateFileA(name, GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING,
                              FILE_ATTRIBUTE_NORMAL, nullptr);
         return m_file != INVALID_HANDLE_VALUE;
     }
