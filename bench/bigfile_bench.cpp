@@ -152,6 +152,7 @@ std::string RandomFile(uint64_t mib) {
         if (::write(fd, chunk.data(), chunk.size()) != static_cast<ssize_t>(chunk.size())) std::abort();
     }
     ::close(fd);
+    ::sync(); // the first contender must not share the machine with the file's writeback
     return path;
 }
 
