@@ -1,8 +1,7 @@
-// File subsystem against its peers: GetFileMd5 of a 256 MiB file vs md5sum, GetLocalFileList of a
-// folder of 100k files vs std::filesystem::directory_iterator and POCO's DirectoryIterator,
-// DeleteDirectory of a 100k-file tree vs rm -rf and POCO's File::remove(true). The data lives in a
-// folder under /tmp that is removed at the end.
-#include "zoth/file/CFileHepler.h"
+// File subsystem against its peers: GetLocalFileList of a folder of 100k files vs
+// std::filesystem::directory_iterator and POCO's DirectoryIterator, DeleteDirectory of a 100k-file
+// tree vs rm -rf and POCO's File::remove(true) (GetFileMd5 is measured in bigfile_bench). The data
+// lives in a folder under /tmp that is removed at the end.
 #include "zoth/file/CPathHelper.h"
 
 #include <Poco/DirectoryIterator.h>
@@ -11,8 +10,6 @@
 
 #include <fcntl.h>
 #include <malloc.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -26,22 +23,6 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string g_root;
-
-std::string BigFile() {
-    static std::string path;
-    if (!path.empty()) return path;
-    path = g_root + "/big.bin";
-    std::vector<char> chunk(1 << 20);
-    uint32_t x = 12345;
-    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    for (int mib = 0; mib < 256; ++mib) {
-        for (char& c : chunk)
-            c = static_cast<char>((x = x * 1103515245u + 12345u) >> 24);
-        if (::write(fd, chunk.data(), chunk.size()) != static_cast<ssize_t>(chunk.size())) std::abort();
-    }
-    ::close(fd);
-    return path;
-}
 
 void MakeFiles(const std::string& dir, int count) {
     fs::create_directories(dir);
@@ -64,42 +45,6 @@ std::string FlatFolder() {
 void MakeTree(const std::string& root) {
     for (int d = 0; d < 100; ++d)
         MakeFiles(root + "/d" + std::to_string(d), 1000);
-}
-
-// Peak resident memory of one call in a child process of its own, in MiB.
-double PeakMiBOf(void (*work)()) {
-    pid_t child = ::fork();
-    if (child == 0) {
-        work();
-        ::_exit(0);
-    }
-    int status = 0;
-    ::waitpid(child, &status, 0);
-    struct rusage usage;
-    ::getrusage(RUSAGE_CHILDREN, &usage);
-    return static_cast<double>(usage.ru_maxrss) / 1024.0;
-}
-
-void Md5Once() {
-    benchmark::DoNotOptimize(ZOTH::CFileHepler::GetFileMd5(BigFile(), ""));
-}
-
-void BM_GetFileMd5_256MiB(benchmark::State& state) {
-    std::string path = BigFile();
-    for (auto _ : state) {
-        std::string md5 = ZOTH::CFileHepler::GetFileMd5(path, "");
-        if (md5.size() != 32) state.SkipWithError("no digest");
-        benchmark::DoNotOptimize(md5);
-    }
-    state.counters["peak_MiB"] = PeakMiBOf(Md5Once); // first child: ours alone
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * (256 << 20));
-}
-
-void BM_md5sum_256MiB(benchmark::State& state) {
-    std::string command = "md5sum '" + BigFile() + "' > /dev/null";
-    for (auto _ : state)
-        if (std::system(command.c_str()) != 0) state.SkipWithError("md5sum failed");
-    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * (256 << 20));
 }
 
 // Each listing runs back to back (argument 0) and from a heap given back to the system before each
@@ -182,9 +127,6 @@ void BM_Poco_File_remove_100k(benchmark::State& state) {
     }
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * 100000);
 }
-
-BENCHMARK(BM_GetFileMd5_256MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
-BENCHMARK(BM_md5sum_256MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(BM_GetLocalFileList_100k)
     ->ArgName("trimmed_heap")
     ->Arg(0)

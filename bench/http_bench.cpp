@@ -1,12 +1,10 @@
 // HTTP client throughput against the bench's own loopback server (BenchServer below: a minimal
 // HTTP/1.1 server, keep-alive, one thread per connection; TLS by OpenSSL with an RSA-2048
-// certificate, the common kind): DownloadFile of 256 MiB against `curl -o`, and small GETs, one
-// fresh CHttpClientCurl per request, against raw libcurl loops (a fresh handle on a share, a fresh
-// handle alone, one kept handle: the ceiling) and POCO's HTTPClientSession (fresh, kept alive),
-// over HTTP and HTTPS, on one thread and on eight. The ratios come last.
-// DownloadFile holds the whole body in memory, so on machines where first-touch page faults are dear
-// (virtual machines) it gains much from transparent huge pages for malloc:
-//   GLIBC_TUNABLES=glibc.malloc.hugetlb=1 bench_http_bench
+// certificate, the common kind): small GETs, one fresh CHttpClientCurl per request, against raw
+// libcurl loops (a fresh handle on a share, a fresh handle alone, one kept handle: the ceiling) and
+// POCO's HTTPClientSession (fresh, kept alive), over HTTP and HTTPS, on one thread and on eight. The
+// ratios come last.
+// (DownloadFile is measured in bigfile_bench.)
 #include "zoth/http/CHttpClientCurl.h"
 
 #include <Poco/Exception.h>
@@ -41,12 +39,12 @@
 
 namespace {
 
-// A minimal HTTP/1.1 server on 127.0.0.1: "/big" answers 256 MiB (plain HTTP only), anything else
-// 64 bytes. One thread per connection, keep-alive until the client closes, so every contender meets
-// the same server. With tls it speaks HTTPS with a throwaway certificate made by the openssl tool.
+// A minimal HTTP/1.1 server on 127.0.0.1: every path answers 64 bytes. One thread per connection, keep-alive
+// until the client closes, so every contender meets the same server. With tls it speaks HTTPS with a
+// throwaway certificate made by the openssl tool.
 class BenchServer {
 public:
-    explicit BenchServer(bool tls = false) : m_big(tls ? 0 : 256u << 20, 'B'), m_small(64, 's') {
+    explicit BenchServer(bool tls = false) : m_small(64, 's') {
         if (tls) m_tls = MakeTlsContext();
         m_listen = socket(AF_INET, SOCK_STREAM, 0);
         int one = 1;
@@ -117,16 +115,11 @@ private:
                 if (n <= 0) return Close(fd, ssl);
                 in.append(buffer, static_cast<size_t>(n));
             }
-            const bool big = in.compare(0, 9, "GET /big ") == 0 && !m_big.empty();
             in.erase(0, end + 4);
-            const std::string& body = big ? m_big : m_small;
-            std::string head =
+            std::string answer = // one write for head and body
                 "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\nContent-Length: " +
-                std::to_string(body.size()) + "\r\n\r\n";
-            if (!big) head += body; // one write for a small answer
-            if (!SendAll(fd, ssl, head.data(), head.size()) ||
-                (big && !SendAll(fd, ssl, body.data(), body.size())))
-                return Close(fd, ssl);
+                std::to_string(m_small.size()) + "\r\n\r\n" + m_small;
+            if (!SendAll(fd, ssl, answer.data(), answer.size())) return Close(fd, ssl);
         }
     }
     static void Close(int fd, SSL* ssl) {
@@ -144,7 +137,7 @@ private:
         return true;
     }
 
-    std::string m_big, m_small;
+    std::string m_small;
     SSL_CTX* m_tls = nullptr;
     int m_listen = -1;
     int m_port = 0;
@@ -165,28 +158,6 @@ BenchServer& TlsServer() {
 BenchServer& ServerFor(bool tls) {
     return tls ? TlsServer() : Server();
 }
-
-const std::string kTarget = "/tmp/zoth_http_bench_download.bin";
-
-void BM_DownloadFile256MiB(benchmark::State& state) {
-    const std::string url = Server().Url("/big");
-    for (auto _ : state) {
-        ZOTH::CHttpClientCurl client;
-        if (!client.DownloadFile(url, kTarget, "")) state.SkipWithError("DownloadFile failed");
-    }
-    state.SetBytesProcessed(state.iterations() * (int64_t{256} << 20));
-    std::remove(kTarget.c_str());
-}
-BENCHMARK(BM_DownloadFile256MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
-
-void BM_CurlCommand256MiB(benchmark::State& state) {
-    const std::string command = "curl -s -o " + kTarget + " " + Server().Url("/big");
-    for (auto _ : state)
-        if (std::system(command.c_str()) != 0) state.SkipWithError("curl failed");
-    state.SetBytesProcessed(state.iterations() * (int64_t{256} << 20));
-    std::remove(kTarget.c_str());
-}
-BENCHMARK(BM_CurlCommand256MiB)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(3);
 
 // Small GETs. Each contender makes one request per call and says whether the 64 bytes came back.
 

@@ -7,7 +7,7 @@ PACKAGES=(
   make g++ cmake ninja-build pkg-config git ca-certificates
   libcurl4-openssl-dev libsqlite3-dev
   libgtest-dev libgmock-dev libbenchmark-dev libssl-dev libcpp-httplib-dev
-  sqlite3 curl openssl
+  sqlite3 curl openssl time
   clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix
   doxygen lintian abigail-tools dpkg-dev fakeroot

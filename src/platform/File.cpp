@@ -4,7 +4,11 @@
 #include "platform/PathUnicode.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 #include <fcntl.h>
+#include <string>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -304,6 +308,147 @@ DWORD GetFileSize(HANDLE file, LPDWORD sizeHigh) {
     if (sizeHigh != nullptr) *sizeHigh = static_cast<DWORD>(size >> 32);
     SetLastError(ERROR_SUCCESS); // tells a size whose low part is all ones from a failure
     return static_cast<DWORD>(size);
+}
+
+BOOL GetFileSizeEx(HANDLE file, PLARGE_INTEGER size) {
+    FileObject* object = FileOf(file);
+    if (object == nullptr) return FALSE;
+    if (size == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    struct stat st;
+    if (::fstat(object->fd, &st) != 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    size->QuadPart = object->isDirectory ? 0 : static_cast<LONGLONG>(st.st_size);
+    return TRUE;
+}
+
+UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
+    if (folder == nullptr || prefix == nullptr || name == nullptr || unique != 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    // Windows takes at most three characters of the prefix.
+    const std::string base = std::string(folder) + "/" + std::string(prefix).substr(0, 3);
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        uint32_t number = 0;
+        if (::getrandom(&number, sizeof number, 0) != sizeof number)
+            number = static_cast<uint32_t>(::clock()) ^ static_cast<uint32_t>(::getpid()) << 16;
+        if (number == 0) continue;
+        char digits[16];
+        std::snprintf(digits, sizeof digits, "%08X.TMP", number);
+        const std::string path = base + digits;
+        if (path.size() >= MAX_PATH) {
+            SetLastError(ERROR_FILENAME_EXCED_RANGE);
+            return 0;
+        }
+        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        if (fd < 0 && errno == EEXIST) continue;
+        if (fd < 0) {
+            SetLastErrorFromErrno(errno == ENOENT ? ENOTDIR : errno); // a missing folder is a path error
+            return 0;
+        }
+        // A file made under a umask that leaves nobody a write bit would count as read-only and
+        // could neither be written nor deleted; Windows makes a plain, writable file.
+        struct stat made;
+        if (::fstat(fd, &made) == 0 && IsReadOnlyMode(made.st_mode))
+            ::fchmod(fd, (made.st_mode & 07777) | 0200);
+        ::close(fd);
+        std::memcpy(name, path.c_str(), path.size() + 1);
+        SetLastError(ERROR_SUCCESS);
+        return number;
+    }
+    SetLastError(ERROR_FILE_EXISTS);
+    return 0;
+}
+
+DWORD GetFinalPathNameByHandleA(HANDLE file, LPSTR path, DWORD size, DWORD flags) {
+    FileObject* object = FileOf(file);
+    if (object == nullptr) return 0;
+    if (flags != (FILE_NAME_NORMALIZED | VOLUME_NAME_DOS) || (path == nullptr && size > 0)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return 0;
+    }
+    // The kernel keeps the path an open descriptor refers to, links already resolved.
+    char target[PATH_MAX + 1];
+    const std::string link = "/proc/self/fd/" + std::to_string(object->fd);
+    ssize_t n = ::readlink(link.c_str(), target, PATH_MAX);
+    if (n <= 0 || target[0] != '/') { // not a file in the tree (a pipe, a socket)
+        SetLastError(ERROR_PATH_NOT_FOUND);
+        return 0;
+    }
+    const DWORD length = static_cast<DWORD>(n);
+    if (length >= size) return length + 1;
+    std::memcpy(path, target, length);
+    path[length] = '\0';
+    return length;
+}
+
+BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, DWORD flags, LPVOID exclude,
+                  LPVOID reserved) {
+    if (replaced == nullptr || replacement == nullptr || backup != nullptr || flags != 0 ||
+        exclude != nullptr || reserved != nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    struct stat old;
+    if (::lstat(replaced, &old) != 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    // Only a file or a link is replaced: never a folder, a device or a pipe.
+    if ((!S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) || IsReadOnlyMode(old.st_mode)) {
+        SetLastError(ERROR_UNABLE_TO_REMOVE_REPLACED);
+        return FALSE;
+    }
+    if (!S_ISLNK(old.st_mode)) {
+        // The owner can be kept only by a privileged caller; the permission bits always.
+        if (::chown(replacement, old.st_uid, old.st_gid) != 0 && errno != EPERM) {
+            SetLastErrorFromErrno(errno);
+            return FALSE;
+        }
+        if (::chmod(replacement, old.st_mode & 07777) != 0) {
+            SetLastErrorFromErrno(errno);
+            return FALSE;
+        }
+    }
+    if (::rename(replacement, replaced) != 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    SetLastError(ERROR_SUCCESS);
+    return TRUE;
+}
+
+BOOL MoveFileExA(LPCSTR existing, LPCSTR target, DWORD flags) {
+    if (existing == nullptr || target == nullptr || (flags & ~MOVEFILE_REPLACE_EXISTING) != 0) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    int done;
+    if (flags & MOVEFILE_REPLACE_EXISTING) {
+        done = ::rename(existing, target);
+    } else {
+        done = ::renameat2(AT_FDCWD, existing, AT_FDCWD, target, RENAME_NOREPLACE);
+        // A file system without the no-replace rename: a new link fails on an existing name too.
+        if (done != 0 && errno == EINVAL) {
+            done = ::link(existing, target);
+            if (done == 0) ::unlink(existing);
+        }
+    }
+    if (done != 0) {
+        const int error = errno;
+        if (error == EEXIST)
+            SetLastError(ERROR_ALREADY_EXISTS);
+        else
+            SetLastErrorFromErrno(error);
+        return FALSE;
+    }
+    SetLastError(ERROR_SUCCESS);
+    return TRUE;
 }
 
 BOOL GetFileTime(HANDLE file, LPFILETIME creation, LPFILETIME lastAccess, LPFILETIME lastWrite) {

@@ -2,6 +2,8 @@
 // buffer per call; the context lives on the caller's stack.
 #include "zoth/text/STRING_UTIL.h"
 
+#include "text/Md5.h"
+
 #include <cstdint>
 #include <cstring>
 
@@ -9,13 +11,7 @@ namespace ZOTH {
 
 namespace {
 
-struct Md5Context {
-    uint32_t countLow;  // message bits taken in, low word
-    uint32_t countHigh; // and high word
-    uint32_t state[4];  // chaining words A, B, C, D
-    unsigned char block[64];
-    unsigned char digest[16];
-};
+using text::Md5Context;
 
 const unsigned char kPadding[64] = {0x80};
 
@@ -132,6 +128,10 @@ inline void TransformBlock(uint32_t state[4], const unsigned char* block) {
     Md5Transform(state, words);
 }
 
+} // namespace
+
+namespace text {
+
 void Md5Init(Md5Context& context) {
     context.countLow = 0;
     context.countHigh = 0;
@@ -185,7 +185,11 @@ void Md5Final(Md5Context& context) {
             context.digest[4 * i + b] = static_cast<unsigned char>(context.state[i] >> (8 * b));
 }
 
-} // namespace
+} // namespace text
+
+using text::Md5Final;
+using text::Md5Init;
+using text::Md5Update;
 
 void STRING_UTIL::Buffer2Md5(unsigned char* data, unsigned int length, unsigned char* const digest) {
     Md5Context context;

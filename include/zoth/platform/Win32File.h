@@ -58,6 +58,45 @@ ZOTH_API DWORD SetFilePointer(HANDLE file, LONG distance, PLONG distanceHigh, DW
 // caller tells from a real size by a last error other than ERROR_SUCCESS.
 ZOTH_API DWORD GetFileSize(HANDLE file, LPDWORD sizeHigh);
 
+typedef union _LARGE_INTEGER {
+    struct {
+        DWORD LowPart;
+        LONG HighPart;
+    } u;
+    LONGLONG QuadPart;
+} LARGE_INTEGER, *PLARGE_INTEGER;
+
+// The whole 64-bit size in size->QuadPart. FALSE and the last error on failure.
+ZOTH_API BOOL GetFileSizeEx(HANDLE file, PLARGE_INTEGER size);
+
+// Creates a new empty, writable file "<folder>/<prefix><digits>.TMP" under a name no other file has
+// (the first three characters of `prefix`, eight hex digits), and writes that path to `name` (room
+// for MAX_PATH characters). Only `unique` 0 is supported. The nonzero number in the name, or 0 and
+// the last error.
+ZOTH_API UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name);
+
+#define FILE_NAME_NORMALIZED 0x0u
+#define VOLUME_NAME_DOS 0x0u
+// The absolute path of the file an open handle refers to, links resolved. The number of characters
+// written without the NUL; when `size` is too small, the size needed with the NUL and nothing
+// written; 0 and the last error on failure.
+ZOTH_API DWORD GetFinalPathNameByHandleA(HANDLE file, LPSTR path, DWORD size, DWORD flags);
+
+#define ERROR_UNABLE_TO_REMOVE_REPLACED 1175u
+// Puts `replacement` in the place of the existing file `replaced`, which is gone afterwards (no
+// backup; `backup`, `exclude` and `reserved` must be null, `flags` 0). The new file takes the
+// permission bits (and, where allowed, the owner) of the one it replaces; a hard link to the old file
+// keeps the old content. The name itself is replaced: a link named `replaced` is not followed. A
+// missing `replaced` is ERROR_FILE_NOT_FOUND; a read-only file, a folder or anything else that is no
+// file (a device) is ERROR_UNABLE_TO_REMOVE_REPLACED and stays as it was.
+ZOTH_API BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, DWORD flags, LPVOID exclude,
+                           LPVOID reserved);
+
+#define MOVEFILE_REPLACE_EXISTING 0x1u
+// Renames a file within one file system, in one step. Without MOVEFILE_REPLACE_EXISTING an existing
+// `target` is ERROR_ALREADY_EXISTS; other flags are ERROR_INVALID_PARAMETER.
+ZOTH_API BOOL MoveFileExA(LPCSTR existing, LPCSTR target, DWORD flags);
+
 // The creation, last access and last write times in UTC; any pointer may be null.
 ZOTH_API BOOL GetFileTime(HANDLE file, LPFILETIME creation, LPFILETIME lastAccess, LPFILETIME lastWrite);
 
