@@ -1,12 +1,17 @@
 // zoth: a command-line face of the library, and its end-to-end demo.
 #include "Commands.h"
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
 #include <iterator>
-#include <unistd.h>
+#include <random>
+
+#if defined(_WIN32)
+#include <windows.h>
+#endif
 
 namespace zoth_cli {
 
@@ -23,6 +28,23 @@ int Error(const std::string& message) {
 std::string ReadStdin() {
     std::string data((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
     return data;
+}
+
+bool CanLoadDll(const char* dll) {
+#if defined(_WIN32)
+    HMODULE module = LoadLibraryA(dll);
+    if (module == nullptr) return false;
+    FreeLibrary(module);
+    return true;
+#else
+    (void)dll;
+    return true;
+#endif
+}
+
+int NeedDll(const char* command, const char* dll) {
+    if (CanLoadDll(dll)) return 0;
+    return Error(std::string(command) + " needs " + dll + ", which cannot be loaded");
 }
 
 void Demo::Step(const std::string& subsystem, const std::string& step, bool ok, const std::string& detail) {
@@ -51,11 +73,26 @@ void PrintHelp(const std::vector<Command>& commands) {
         std::printf("  %-14s %s\n", c.name, c.summary);
 }
 
+// A new folder of our own in the system's temporary folder; empty on failure.
+std::string MakeWorkDir() {
+    std::error_code ec;
+    const std::filesystem::path base = std::filesystem::temp_directory_path(ec);
+    if (ec) return "";
+    std::mt19937_64 random(
+        std::random_device{}() ^
+        static_cast<unsigned long long>(std::chrono::steady_clock::now().time_since_epoch().count()));
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        const std::filesystem::path dir = base / ("zoth-demo-" + std::to_string(random() % 1000000000));
+        if (std::filesystem::create_directory(dir, ec)) return dir.string();
+    }
+    return "";
+}
+
 int RunDemo(const Args& args) {
     if (!args.empty()) return Fail("demo takes no arguments");
-    char pattern[] = "/tmp/zoth-demo-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) return Error("cannot create a temporary folder");
-    Demo demo(pattern);
+    const std::string workDir = MakeWorkDir();
+    if (workDir.empty()) return Error("cannot create a temporary folder");
+    Demo demo(workDir);
     std::printf("zoth demo: working in %s\n\n", demo.WorkDir().c_str());
     TextDemo(demo);
     TaskDemo(demo);
@@ -65,14 +102,20 @@ int RunDemo(const Args& args) {
     std::error_code ec;
     std::filesystem::remove_all(demo.WorkDir(), ec);
 
-    size_t failed = 0;
+    size_t failed = 0, skipped = 0;
     std::printf("\n%-10s %-34s %s\n", "subsystem", "step", "result");
     std::printf("%-10s %-34s %s\n", "---------", "----", "------");
     for (const Demo::Row& r : demo.Rows()) {
-        std::printf("%-10s %-34s %s\n", r.subsystem.c_str(), r.step.c_str(), r.ok ? "ok" : "FAILED");
+        std::printf("%-10s %-34s %s\n", r.subsystem.c_str(), r.step.c_str(),
+                    r.skipped ? "skipped"
+                    : r.ok    ? "ok"
+                              : "FAILED");
         failed += r.ok ? 0 : 1;
+        skipped += r.skipped ? 1 : 0;
     }
-    std::printf("\n%zu steps, %zu failed\n", demo.Rows().size(), failed);
+    std::printf("\n%zu steps, %zu failed", demo.Rows().size(), failed);
+    if (skipped > 0) std::printf(", %zu skipped (see above why)", skipped);
+    std::printf("\n");
     return failed == 0 ? 0 : 1;
 }
 
