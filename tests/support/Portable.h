@@ -10,6 +10,7 @@
 #include <string>
 
 #if defined(_WIN32)
+#include <winsock2.h> // before <windows.h>, as the library's own headers include them
 #include <windows.h>
 #else
 #include <climits>
@@ -36,6 +37,19 @@ inline bool UnderWine() {
     return ntdll != nullptr && GetProcAddress(ntdll, "wine_get_version") != nullptr;
 #else
     return false;
+#endif
+}
+
+// Whether a DLL the library delay-loads on Windows (libcurl-x64.dll, sqlite3.dll) can be loaded: a
+// call into one that cannot ends the program. Elsewhere the libraries are linked as usual.
+inline bool DllLoads(const char* dll) {
+#if defined(_WIN32)
+    HMODULE module = LoadLibraryA(dll);
+    if (module != nullptr) FreeLibrary(module);
+    return module != nullptr;
+#else
+    (void)dll;
+    return true;
 #endif
 }
 
@@ -134,6 +148,28 @@ inline bool IsReadOnly(const std::string& path) {
 #endif
 }
 
+// Whether a read-only file refuses to be opened for writing. The platform layer refuses it whoever
+// the caller is, as Windows does; Wine maps the attribute onto the Unix permission bits, which root
+// passes by, so under Wine run by root it does not hold.
+inline bool ReadOnlyRefusesWrites() {
+#if defined(_WIN32)
+    static const bool refuses = [] {
+        char folder[MAX_PATH], path[MAX_PATH];
+        if (GetTempPathA(MAX_PATH, folder) == 0 || GetTempFileNameA(folder, "zro", 0, path) == 0) return true;
+        SetFileAttributesA(path, FILE_ATTRIBUTE_READONLY);
+        HANDLE file = CreateFileA(path, GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        const bool refused = file == INVALID_HANDLE_VALUE;
+        if (!refused) CloseHandle(file);
+        SetFileAttributesA(path, FILE_ATTRIBUTE_NORMAL);
+        DeleteFileA(path);
+        return refused;
+    }();
+    return refuses;
+#else
+    return true;
+#endif
+}
+
 // Sets a file's last write and last access times, in seconds since 1970 UTC. True on success.
 inline bool SetFileTimes(const std::string& path, int64_t lastWrite, int64_t lastAccess) {
 #if defined(_WIN32)
@@ -166,6 +202,15 @@ inline bool MakeLink(const std::string& target, const std::string& link) {
     else
         std::filesystem::create_symlink(target, link, ec);
     return !ec && std::filesystem::is_symlink(link, ec);
+}
+
+// The running process's id.
+inline unsigned long ProcessId() {
+#if defined(_WIN32)
+    return GetCurrentProcessId();
+#else
+    return static_cast<unsigned long>(::getpid());
+#endif
 }
 
 // The full path of the running program.

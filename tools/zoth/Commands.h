@@ -5,6 +5,11 @@
 #include <string>
 #include <vector>
 
+#if defined(_WIN32)
+#include <winsock2.h> // before <windows.h>, as the library's headers include them
+#include <windows.h>
+#endif
+
 namespace zoth_cli {
 
 using Args = std::vector<std::string>; // the arguments behind the command name
@@ -29,9 +34,21 @@ constexpr const char* kCurlDll = "libcurl-x64.dll";
 constexpr const char* kSqliteDll = "sqlite3.dll";
 // Whether `dll` can be loaded, tried before the first call into it. Elsewhere the libraries are
 // linked as usual and always there.
-bool CanLoadDll(const char* dll);
+inline bool CanLoadDll(const char* dll) {
+#if defined(_WIN32)
+    HMODULE module = LoadLibraryA(dll);
+    if (module == nullptr) return false;
+    FreeLibrary(module);
+    return true;
+#else
+    (void)dll;
+    return true;
+#endif
+}
 // 0 when `dll` can be loaded; else says in one line that `command` needs it and returns 1.
-int NeedDll(const char* command, const char* dll);
+inline int NeedDll(const char* command, const char* dll) {
+    return CanLoadDll(dll) ? 0 : Error(std::string(command) + " needs " + dll + ", which cannot be loaded");
+}
 
 // Collects what the demo did; `zoth demo` prints the rows as a table at the end.
 class Demo {

@@ -9,10 +9,6 @@
 #include <iterator>
 #include <random>
 
-#if defined(_WIN32)
-#include <windows.h>
-#endif
-
 namespace zoth_cli {
 
 int Fail(const std::string& message) {
@@ -28,23 +24,6 @@ int Error(const std::string& message) {
 std::string ReadStdin() {
     std::string data((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
     return data;
-}
-
-bool CanLoadDll(const char* dll) {
-#if defined(_WIN32)
-    HMODULE module = LoadLibraryA(dll);
-    if (module == nullptr) return false;
-    FreeLibrary(module);
-    return true;
-#else
-    (void)dll;
-    return true;
-#endif
-}
-
-int NeedDll(const char* command, const char* dll) {
-    if (CanLoadDll(dll)) return 0;
-    return Error(std::string(command) + " needs " + dll + ", which cannot be loaded");
 }
 
 void Demo::Step(const std::string& subsystem, const std::string& step, bool ok, const std::string& detail) {
