@@ -54,8 +54,17 @@ function(zoth_delay_import target def lib)
     INTERFACE_INCLUDE_DIRECTORIES ${_zoth_dep_headers}
     INTERFACE_LINK_LIBRARIES ${_lib})
 endfunction()
-zoth_delay_import(CURL::libcurl ${PROJECT_SOURCE_DIR}/cmake/windows/libcurl-x64.def libcurl-x64.delay.a)
-zoth_delay_import(SQLite::SQLite3 ${PROJECT_SOURCE_DIR}/cmake/windows/sqlite3.def libsqlite3.delay.a)
+# With your own Windows builds of libcurl and SQLite (made with this compiler), ZOTH_WINDOWS_DELAY_LOAD
+# OFF links them as ordinary imports instead: their CMake packages or libraries and headers are found
+# below CMAKE_FIND_ROOT_PATH (give their install prefix there).
+option(ZOTH_WINDOWS_DELAY_LOAD "Windows: delay-load libcurl-x64.dll and sqlite3.dll through generated import libraries" ON)
+if(ZOTH_WINDOWS_DELAY_LOAD)
+  zoth_delay_import(CURL::libcurl ${PROJECT_SOURCE_DIR}/cmake/windows/libcurl-x64.def libcurl-x64.delay.a)
+  zoth_delay_import(SQLite::SQLite3 ${PROJECT_SOURCE_DIR}/cmake/windows/sqlite3.def libsqlite3.delay.a)
+else()
+  find_package(CURL REQUIRED)
+  find_package(SQLite3 REQUIRED)
+endif()
 
 # The MinGW runtime DLLs (C++ library, GCC support, POSIX threads) beside the programs. They stay
 # shared rather than static: the library's interface passes C++ objects, so the DLL and its clients

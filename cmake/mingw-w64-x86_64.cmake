@@ -9,8 +9,9 @@ set(CMAKE_CXX_COMPILER ${ZOTH_MINGW_TRIPLET}-g++-posix)
 set(CMAKE_RC_COMPILER ${ZOTH_MINGW_TRIPLET}-windres)
 set(CMAKE_DLLTOOL ${ZOTH_MINGW_TRIPLET}-dlltool)
 
-# Libraries, headers and packages come from the mingw-w64 tree only, never from the Linux system.
-set(CMAKE_FIND_ROOT_PATH /usr/${ZOTH_MINGW_TRIPLET})
+# Libraries, headers and packages come from the mingw-w64 tree (and prefixes given in
+# -DCMAKE_FIND_ROOT_PATH=...), never from the Linux system.
+list(APPEND CMAKE_FIND_ROOT_PATH /usr/${ZOTH_MINGW_TRIPLET})
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds and runs every suite: the fuzz targets for a short bounded time, the release tests, the
-# installed package with the examples built against it, the Windows syntax check, then the ASan+UBSan
-# and ThreadSanitizer builds. Stops at the first failure.
+# installed package with the examples built against it, the Windows build run under Wine and the
+# comparison of its exports with the Linux library's, then the ASan+UBSan and ThreadSanitizer builds.
+# Stops at the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -21,7 +22,9 @@ run_preset fuzz
 run_preset release
 echo "=== package: install into a fresh prefix, build and run the examples against it"
 bash scripts/check-package.sh build/release
-echo "=== windows: syntax check of the library against <windows.h> (mingw-w64)"
-bash scripts/check-windows.sh
+echo "=== windows: DLL, zoth.exe and test suites cross-built with mingw-w64, run under Wine"
+bash scripts/run-windows-tests.sh
+echo "=== exports: the Linux library and the Windows DLL export the same members"
+bash scripts/check-exports.sh build/release/libZOTHCommonDll.so build/windows/bin/ZOTHCommonDll.dll
 run_preset debug-asan
 run_preset tsan

@@ -4,7 +4,8 @@
 # - the GoogleTest programs of the suites that need neither libcurl nor SQLite (text, files, tasks
 #   and timers, the WinINet road, the umbrella client), with gtest's own output;
 # - zoth.exe: a digest, the one-line refusal of commands whose DLL cannot be loaded, `wget` against
-#   a loopback server on port 80, and the demo with its skipped steps.
+#   a loopback server on port 80, and the demo with its skipped steps;
+# - the examples, built as Windows clients of the DLL (the timer example runs).
 # The libcurl and database suites are built (so they compile and link for Windows) but not run: no
 # libcurl-x64.dll or sqlite3.dll exists here to load.
 #
@@ -44,21 +45,22 @@ failed=0
 pass() { passed=$((passed + 1)); echo "ok    $1"; }
 fail() { failed=$((failed + 1)); echo "FAIL  $1"; }
 
-# run_gtest PROGRAM: adds the program's own passed and failed counts; a program that ends without
-# its summary (a crash, a hang cut by the timeout) counts as one failure more.
+# run_gtest PROGRAM: adds the program's own passed and failed counts (gtest's brief output: the
+# failures one line each, then the totals); a program that ends without its totals (a crash, a hang
+# cut by the timeout) counts as one failure more.
 run_gtest() {
-  local program=$1 log=$work/$1.log status
+  local program=$1 log=$work/$1.log status p f
   echo "--- $program (under Wine)"
   (cd "$bin" && timeout 600 wine "$program.exe" --gtest_brief=1) >"$log" 2>&1
   status=$?
   tr -d '\r' <"$log" | grep -av '^Running main() from'
-  local p f
   p=$(tr -d '\r' <"$log" | sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\?\..*/\1/p' | tail -1)
-  f=$(tr -d '\r' <"$log" | sed -n 's/^\[  FAILED  \] \([0-9]*\) tests\?, listed below.*/\1/p' | tail -1)
+  f=$(tr -d '\r' <"$log" | grep -ac '^\[  FAILED  \] [A-Za-z0-9_/]*\.[A-Za-z0-9_/]* (')
   passed=$((passed + ${p:-0}))
-  failed=$((failed + ${f:-0}))
-  if [ -z "$p" ] || { [ "$status" -ne 0 ] && [ -z "$f" ]; }; then
-    fail "$program ended without its summary (exit $status)"
+  failed=$((failed + f))
+  if ! tr -d '\r' <"$log" | grep -aq '^\[==========\] [0-9]* tests\? from .* ran\.' ||
+    { [ "$status" -ne 0 ] && [ "$f" -eq 0 ]; }; then
+    fail "$program ended without its totals (exit $status)"
   fi
 }
 
@@ -108,6 +110,27 @@ out=$(zoth wget 127.0.0.1 /hello 2>&1 | tr -d '\r')
 kill "$server_pid" 2>/dev/null
 wait "$server_pid" 2>/dev/null
 server_pid=""
+
+# The examples build as Windows clients of the DLL (the compiler and flags a user would use, against
+# the import library); the one that needs neither DLL runs.
+echo "--- examples (Windows clients)"
+for source in examples/*/main.cpp; do
+  name=$(basename "$(dirname "$source")")
+  if x86_64-w64-mingw32-g++-posix -std=c++20 -O1 -Wall -Wextra -Wpedantic -Werror -Iinclude \
+    -isystem build/windows/dep-headers "$source" -Lbuild/windows/lib -lZOTHCommonDll \
+    -o "$bin/example_$name.exe" 2>"$work/$name.log"; then
+    pass "example $name builds for Windows"
+  else
+    cat "$work/$name.log"
+    fail "example $name builds for Windows"
+  fi
+done
+if (cd "$bin" && timeout 120 wine example_periodic_job.exe) >"$work/periodic.log" 2>&1 &&
+  grep -q 'ended' "$work/periodic.log"; then
+  pass "example periodic_job runs: $(tr -d '\r' <"$work/periodic.log" | tail -1)"
+else
+  fail "example periodic_job runs: $(tr -d '\r' <"$work/periodic.log" | tail -3)"
+fi
 
 # The demo runs every step that needs neither DLL and names the others as skipped.
 zoth demo >"$work/demo.log" 2>&1

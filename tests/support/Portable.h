@@ -12,6 +12,8 @@
 #if defined(_WIN32)
 #include <winsock2.h> // before <windows.h>, as the library's own headers include them
 #include <windows.h>
+
+#include <process.h>
 #else
 #include <climits>
 #include <fcntl.h>
@@ -193,15 +195,42 @@ inline bool SetFileTimes(const std::string& path, int64_t lastWrite, int64_t las
 #endif
 }
 
-// A symbolic link at `link` to the folder or file `target`. False where the system or the caller
-// cannot make one (Windows without the privilege, or Wine without link support).
+// A symbolic link at `link` to the folder or file `target`. Wine cannot make one through the Win32
+// call, but shows a Unix link as a reparse point (a link to a folder as FILE_ATTRIBUTE_DIRECTORY |
+// FILE_ATTRIBUTE_REPARSE_POINT), so there the link is made by the Unix `ln` (through Wine's
+// `start /unix`). False where neither works (Windows without the privilege).
 inline bool MakeLink(const std::string& target, const std::string& link) {
     std::error_code ec;
     if (std::filesystem::is_directory(target, ec))
         std::filesystem::create_directory_symlink(target, link, ec);
     else
         std::filesystem::create_symlink(target, link, ec);
-    return !ec && std::filesystem::is_symlink(link, ec);
+    if (!ec) return true;
+#if defined(_WIN32)
+    using UnixName = char*(__cdecl*)(LPCWSTR);
+    auto unixName = reinterpret_cast<UnixName>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("kernel32.dll"), "wine_get_unix_file_name")));
+    if (unixName == nullptr) return false;
+    auto wide = [](const std::string& path) { return std::filesystem::path(path).wstring(); };
+    char* unixTarget = unixName(wide(target).c_str());
+    char* unixLink = unixName(wide(link).c_str());
+    if (unixTarget != nullptr && unixLink != nullptr)
+        _spawnlp(_P_WAIT, "start.exe", "start.exe", "/wait", "/unix", "/bin/ln", "-s", unixTarget, unixLink,
+                 nullptr);
+    HeapFree(GetProcessHeap(), 0, unixTarget);
+    HeapFree(GetProcessHeap(), 0, unixLink);
+    // `start` may return before the Unix program has run: wait for the link to show, up to 5 s.
+    DWORD attributes = INVALID_FILE_ATTRIBUTES;
+    for (int i = 0; i < 500 && attributes == INVALID_FILE_ATTRIBUTES; ++i) {
+        attributes = GetFileAttributesA(link.c_str());
+        if (attributes == INVALID_FILE_ATTRIBUTES) Sleep(10);
+    }
+    // Wine shows a link to a file as the file itself.
+    return attributes != INVALID_FILE_ATTRIBUTES &&
+           ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 || !std::filesystem::is_directory(target, ec));
+#else
+    return false;
+#endif
 }
 
 // The running process's id.
