@@ -10,6 +10,7 @@
 # - The DLL is ZOTHCommonDll.dll with the import library libZOTHCommonDll.dll.a; programs and DLLs go
 #   to bin/ together with the MinGW runtime DLLs they need, so bin/ runs as it is (under Wine too).
 # - Warnings: the ordinary flags plus -Wpedantic, so the sources stay buildable by other compilers.
+# - The DLL carries a version resource (cmake/windows/version.rc.in).
 
 list(APPEND ZOTH_WARNINGS -Wpedantic)
 
@@ -65,6 +66,13 @@ else()
   find_package(CURL REQUIRED)
   find_package(SQLite3 REQUIRED)
 endif()
+
+# The DLL carries a version resource with the project's version (GetFileVersionInfo reads it; the
+# Windows test run checks `zoth version ZOTHCommonDll.dll`). The target is made after this file, so
+# the resource joins it at the end of the directory.
+enable_language(RC)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/windows/version.rc.in ${PROJECT_BINARY_DIR}/ZOTHCommonDll.rc @ONLY)
+cmake_language(DEFER CALL target_sources ZOTHCommonDll PRIVATE ${PROJECT_BINARY_DIR}/ZOTHCommonDll.rc)
 
 # The MinGW runtime DLLs (C++ library, GCC support, POSIX threads) beside the programs. They stay
 # shared rather than static: the library's interface passes C++ objects, so the DLL and its clients
