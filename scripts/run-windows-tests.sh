@@ -7,7 +7,7 @@
 #   cannot be loaded, `wget` against a loopback server on port 80, and the demo with its skipped steps;
 # - the examples, built as Windows clients of the DLL (the timer example runs).
 # The database suites are built (so they compile and link for Windows) but not run: no sqlite3.dll
-# exists here to load. The libcurl HTTP suite is not built for Windows: its loopback servers are
+# exists here to load. The libcurl HTTP suite is compiled but not linked: its loopback servers are
 # cpp-httplib with OpenSSL, which Debian does not build for mingw.
 #
 # usage: scripts/run-windows-tests.sh
