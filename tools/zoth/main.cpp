@@ -52,7 +52,8 @@ void PrintHelp(const std::vector<Command>& commands) {
         std::printf("  %-14s %s\n", c.name, c.summary);
 }
 
-// A new folder of our own in the system's temporary folder; empty on failure.
+// A new folder of our own in the system's temporary folder (an existing name is never reused);
+// empty on failure.
 std::string MakeWorkDir() {
     std::error_code ec;
     const std::filesystem::path base = std::filesystem::temp_directory_path(ec);
@@ -62,7 +63,10 @@ std::string MakeWorkDir() {
         static_cast<unsigned long long>(std::chrono::steady_clock::now().time_since_epoch().count()));
     for (int attempt = 0; attempt < 100; ++attempt) {
         const std::filesystem::path dir = base / ("zoth-demo-" + std::to_string(random() % 1000000000));
-        if (std::filesystem::create_directory(dir, ec)) return dir.string();
+        if (!std::filesystem::create_directory(dir, ec)) continue;
+        // Ours alone, as mkdtemp would make it.
+        std::filesystem::permissions(dir, std::filesystem::perms::owner_all, ec);
+        return dir.string();
     }
     return "";
 }
