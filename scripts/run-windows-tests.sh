@@ -100,8 +100,12 @@ refused sqlite3.dll sql "$(winepath -w "$work")\\x.db" "SELECT 1"
 
 # wget: WinINet on port 80 against a one-answer server on the Linux side of loopback.
 perl -MIO::Socket::INET -e '
-  my $s = IO::Socket::INET->new(LocalAddr => "127.0.0.1", LocalPort => 80, Listen => 5, ReuseAddr => 1)
-    or die "cannot listen on 127.0.0.1:80: $!\n";
+  my $s;
+  for (1 .. 200) { # port 80 may be held for a moment by another test; wait up to 20 s
+    last if $s = IO::Socket::INET->new(LocalAddr => "127.0.0.1", LocalPort => 80, Listen => 5, ReuseAddr => 1);
+    select(undef, undef, undef, 0.1);
+  }
+  $s or die "cannot listen on 127.0.0.1:80: $!\n";
   open(my $ready, ">", $ARGV[0]); close($ready);
   while (my $c = $s->accept) {
     my $request = ""; while (<$c>) { $request .= $_; last if $_ eq "\r\n"; }
@@ -111,7 +115,7 @@ perl -MIO::Socket::INET -e '
     close($c);
   }' "$work/listening" 2>"$work/server.log" &
 server_pid=$!
-for _ in $(seq 1 100); do [ -e "$work/listening" ] && break; sleep 0.05; done
+for _ in $(seq 1 500); do [ -e "$work/listening" ] && break; sleep 0.05; done
 out=$(zoth wget 127.0.0.1 /hello 2>&1 | tr -d '\r')
 [ "$out" = "served /hello" ] && pass "zoth wget 127.0.0.1 /hello" || fail "zoth wget: $out $(cat "$work/server.log")"
 kill "$server_pid" 2>/dev/null
