@@ -9,7 +9,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev libbenchmark-dev libssl-dev libcpp-httplib-dev
   sqlite3 curl openssl time
   clang libclang-rt-14-dev clang-format
-  g++-mingw-w64-x86-64-posix
+  g++-mingw-w64-x86-64-posix wine64 wine
   doxygen lintian abigail-tools dpkg-dev fakeroot
   libpoco-dev libabsl-dev  # benchmark peers only: the library never links them
 )

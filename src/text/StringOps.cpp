@@ -222,7 +222,13 @@ std::wstring STRING_UTIL::StdFormatW(const wchar_t* format, ...) {
     std::wstring result = FormatV(
         format, args, [](const wchar_t* f, va_list a) { return _vscwprintf(f, a); },
         [](wchar_t* out, size_t room, const wchar_t* f, va_list a) {
+#if defined(_WIN32)
+            // The runtime's own printer, which reads the format as its measurer does (%s is wide);
+            // mingw's std::vswprintf follows the C standard and would print another length.
+            return _vsnwprintf(out, room, f, a);
+#else
             return std::vswprintf(out, room, f, a);
+#endif
         });
     va_end(args);
     return result;

@@ -1,12 +1,20 @@
 // Helpers of the file tests: whole-file reads and writes through the standard library (so the checks
-// do not lean on the code under test), md5sum as the peer, and checks run without root's privileges.
+// do not lean on the code under test), md5sum (Windows: the system's CryptoAPI) as the peer, and
+// checks run without root's privileges.
 #pragma once
 
+#include "Portable.h"
+
+#if defined(_WIN32)
+#include <wincrypt.h>
+#else
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -25,24 +33,69 @@ inline void Spit(const std::string& path, const std::string& bytes) {
         .write(bytes.data(), std::streamsize(bytes.size()));
 }
 
+// Whether anything is at `path`, a link included (not followed).
 inline bool Exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
+    std::error_code ec;
+    return std::filesystem::exists(std::filesystem::symlink_status(path, ec));
+}
+
+// Removes a file, read-only or not. True on success.
+inline bool RemoveFile(const std::string& path) {
+    if (kWindows) SetReadOnly(path, false); // Windows refuses to delete a read-only file
+    std::error_code ec;
+    return std::filesystem::remove(path, ec);
 }
 
 inline std::string Md5sumOf(const std::string& path) {
+#if defined(_WIN32)
+    std::ifstream in(path, std::ios::binary);
+    const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    HCRYPTPROV provider = 0;
+    HCRYPTHASH hash = 0;
+    BYTE digest[16];
+    DWORD length = sizeof digest;
+    std::string hex;
+    if (CryptAcquireContextA(&provider, nullptr, nullptr, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT) &&
+        CryptCreateHash(provider, CALG_MD5, 0, 0, &hash) &&
+        CryptHashData(hash, reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size()),
+                      0) &&
+        CryptGetHashParam(hash, HP_HASHVAL, digest, &length, 0)) {
+        char two[3];
+        for (DWORD i = 0; i < length; ++i) {
+            std::snprintf(two, sizeof two, "%02x", digest[i]);
+            hex += two;
+        }
+    }
+    if (hash) CryptDestroyHash(hash);
+    if (provider) CryptReleaseContext(provider, 0);
+    return hex;
+#else
     FILE* pipe = ::popen(("md5sum '" + path + "'").c_str(), "r");
     if (pipe == nullptr) return "";
     char digest[33] = {};
     size_t n = fread(digest, 1, 32, pipe);
     ::pclose(pipe);
     return std::string(digest, n);
+#endif
+}
+
+// Whether the test runs with root's privileges (never on Windows, which has no root).
+inline bool IsRoot() {
+#if defined(_WIN32)
+    return false;
+#else
+    return ::geteuid() == 0;
+#endif
 }
 
 // Runs `check` in a child process as the unprivileged user nobody (65534) when the test runs as root,
 // else as the current user: 1 when `check` returned true, 0 when false, -1 when the child could not
-// drop its privileges.
+// drop its privileges. POSIX users only: -1 on Windows.
 inline int RunUnprivileged(const std::function<bool()>& check) {
+#if defined(_WIN32)
+    (void)check;
+    return -1;
+#else
     pid_t child = ::fork();
     if (child == 0) {
         if (::geteuid() == 0 && (::setgid(65534) != 0 || ::setuid(65534) != 0)) ::_exit(3);
@@ -51,6 +104,7 @@ inline int RunUnprivileged(const std::function<bool()>& check) {
     int status = 0;
     if (child < 0 || ::waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
     return WEXITSTATUS(status) == 3 ? -1 : WEXITSTATUS(status) == 0 ? 1 : 0;
+#endif
 }
 
 } // namespace zoth_test

@@ -2,7 +2,13 @@
 #include "zoth/http/CHttpClientCurl.h"
 #include "zoth/platform/Win32Inet.h"
 
+#include "Portable.h"
+
+#if defined(_WIN32)
+#include "WinsockHttpServer.h" // cpp-httplib is not built for mingw: a Winsock server of the same face
+#else
 #include "LoopbackServer.h"
+#endif
 
 #include <gtest/gtest.h>
 
@@ -26,7 +32,9 @@ TEST(PlatformInet, CallsAgainstALoopbackServer) {
     ASSERT_NE(nullptr, request);
     char buffer[300];
     DWORD read = 99;
-    EXPECT_FALSE(InternetReadFile(request, buffer, sizeof(buffer), &read)); // nothing sent yet
+    if (!zoth_test::kWindows) { // the layer refuses it; Windows' own WinINet is its own judge
+        EXPECT_FALSE(InternetReadFile(request, buffer, sizeof(buffer), &read)); // nothing sent yet
+    }
     ASSERT_TRUE(HttpSendRequestA(request, "X-Extra: 1\r\n", static_cast<DWORD>(-1), nullptr, 0));
     std::string body;
     int pieces = 0;
@@ -52,7 +60,9 @@ TEST(PlatformInet, CallsAgainstALoopbackServer) {
     EXPECT_EQ(nullptr, HttpOpenRequestA(nullptr, "GET", "/", nullptr, nullptr, nullptr, 0, 0));
     EXPECT_FALSE(HttpSendRequestA(nullptr, nullptr, 0, nullptr, 0));
     EXPECT_FALSE(InternetReadFile(nullptr, buffer, sizeof(buffer), &read));
-    EXPECT_EQ(nullptr, InternetOpenA("a", 3 /* through a proxy */, "proxy:8080", nullptr, 0));
+    if (!zoth_test::kWindows) { // the layer knows no proxy; Windows' WinINet does
+        EXPECT_EQ(nullptr, InternetOpenA("a", 3 /* through a proxy */, "proxy:8080", nullptr, 0));
+    }
 
     // Nothing listening: the send fails with a WinINet error.
     server.Stop();

@@ -10,6 +10,7 @@ using namespace ZOTH;
 // A file written through the file helpers, digested, and its digest stored and read back through the
 // database: the subsystems meet only through their public operations.
 TEST(IntegrationUmbrella, FileDigestStoredInDatabase) {
+    if (!zoth_test::DllLoads("sqlite3.dll")) GTEST_SKIP() << "sqlite3.dll cannot be loaded here";
     zoth_test::TempDir dir;
     std::string content("umbrella\0client", 15);
     std::string path = dir / "data.bin";

@@ -1,8 +1,13 @@
-// A folder of the test's own under /tmp, removed with everything in it when the object goes away.
+// A folder of the test's own in the system's temporary folder, removed with everything in it when
+// the object goes away.
 #pragma once
 
+#include "Portable.h"
+
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <stdexcept>
 #include <string>
 
@@ -11,9 +16,16 @@ namespace zoth_test {
 class TempDir {
 public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "zoth-test-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        m_path = pattern;
+        const std::filesystem::path base = std::filesystem::temp_directory_path();
+        std::mt19937_64 random(
+            std::random_device{}() ^
+            static_cast<uint64_t>(std::chrono::steady_clock::now().time_since_epoch().count()));
+        for (int attempt = 0; attempt < 100 && m_path.empty(); ++attempt) {
+            const std::filesystem::path dir = base / ("zoth-test-" + std::to_string(random() % 1000000000));
+            std::error_code ec;
+            if (std::filesystem::create_directory(dir, ec)) m_path = dir.string();
+        }
+        if (m_path.empty()) throw std::runtime_error("cannot create a temporary folder");
     }
     ~TempDir() {
         std::error_code ec;
@@ -31,8 +43,8 @@ public:
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& Path() const { return m_path; }
-    // Path of `name` inside the folder.
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
+    // Path of `name` inside the folder, joined with the platform's separator.
+    std::string operator/(const std::string& name) const { return m_path + kSep + name; }
 
 private:
     std::string m_path;

@@ -21,6 +21,13 @@ constexpr bool kForcedEndCancels = false;
 #else
 constexpr bool kForcedEndCancels = true;
 #endif
+// Windows' TerminateThread ends a thread wherever it is; a POSIX cancellation waits for the thread's
+// next wait or sleep, so a body that spins without either runs on.
+#if defined(_WIN32)
+constexpr bool kForcedEndStopsSpinning = true;
+#else
+constexpr bool kForcedEndStopsSpinning = false;
+#endif
 
 // Polls `done` until it holds or `limit` passes; generous for a loaded machine under sanitizers.
 template <class Pred> bool Eventually(Pred done, milliseconds limit = milliseconds(10000)) {

@@ -1,8 +1,14 @@
 // The zoth tool: one command table per subsystem and a demo that each subsystem adds a section to.
 #pragma once
 
+#include <cstdio>
 #include <string>
 #include <vector>
+
+#if defined(_WIN32)
+#include <winsock2.h> // before <windows.h>, as the library's headers include them
+#include <windows.h>
+#endif
 
 namespace zoth_cli {
 
@@ -22,6 +28,28 @@ int Error(const std::string& message);
 // Reads all of standard input as bytes.
 std::string ReadStdin();
 
+// The DLLs that the Windows build delay-loads: the library links against them but loads each only on
+// its first call, which ends the program with an exception when the DLL cannot be loaded.
+constexpr const char* kCurlDll = "libcurl-x64.dll";
+constexpr const char* kSqliteDll = "sqlite3.dll";
+// Whether `dll` can be loaded, tried before the first call into it. Elsewhere the libraries are
+// linked as usual and always there.
+inline bool CanLoadDll(const char* dll) {
+#if defined(_WIN32)
+    HMODULE module = LoadLibraryA(dll);
+    if (module == nullptr) return false;
+    FreeLibrary(module);
+    return true;
+#else
+    (void)dll;
+    return true;
+#endif
+}
+// 0 when `dll` can be loaded; else says in one line that `command` needs it and returns 1.
+inline int NeedDll(const char* command, const char* dll) {
+    return CanLoadDll(dll) ? 0 : Error(std::string(command) + " needs " + dll + ", which cannot be loaded");
+}
+
 // Collects what the demo did; `zoth demo` prints the rows as a table at the end.
 class Demo {
 public:
@@ -30,12 +58,19 @@ public:
         std::string step;
         bool ok;
         std::string detail;
+        bool skipped = false; // not run: what it needs is missing here (`detail` says what)
     };
     explicit Demo(std::string workDir) : m_workDir(std::move(workDir)) {}
     // A folder of the demo's own, removed when the demo ends.
     const std::string& WorkDir() const { return m_workDir; }
     // Records one step and prints it as it happens.
     void Step(const std::string& subsystem, const std::string& step, bool ok, const std::string& detail);
+    // Records a step that was not run, and why, and prints it.
+    void Skip(const std::string& subsystem, const std::string& step, const std::string& reason) {
+        m_rows.push_back({subsystem, step, true, reason, true});
+        std::printf("[%-8s] %-4s %s: %s\n", subsystem.c_str(), "skip", step.c_str(), reason.c_str());
+        std::fflush(stdout);
+    }
     const std::vector<Row>& Rows() const { return m_rows; }
 
 private:

@@ -67,6 +67,7 @@ int RunSql(const Args& args) {
     bool script = !args.empty() && args[0] == "--exec";
     size_t at = script ? 1 : 0;
     if (args.size() != at + 2) return Fail("sql needs DBFILE and SQL");
+    if (int missing = NeedDll("sql", kSqliteDll)) return missing;
     const std::string& path = args[at];
     std::string sql = args[at + 1];
     if (path.empty()) return Fail("empty database path");
@@ -124,6 +125,11 @@ std::vector<Command> DatabaseCommands() {
 }
 
 void DatabaseDemo(Demo& demo) {
+    if (!CanLoadDll(kSqliteDll)) {
+        for (const char* step : {"open", "store demo steps", "read steps back", "bounded busy wait", "close"})
+            demo.Skip("database", step, std::string(kSqliteDll) + " cannot be loaded");
+        return;
+    }
     const std::vector<Demo::Row> before = demo.Rows(); // what the other sections did
     std::string path = demo.WorkDir() + "/demo.db";
     CSqlLiteInternal db;

@@ -26,10 +26,11 @@ std::string Md5OfBytes(std::string bytes) {
     return STRING_UTIL::Hex2String(digest, 16);
 }
 
-// "DIR/." exists only when DIR is a folder.
+// Whether `path` names a folder (links followed). Asked of the file system itself: on Windows a path
+// ending in "\." names the same entry as the path, so "FILE\." exists too.
 bool IsFolder(const std::string& path) {
-    return PathFileExistsA(CPathHelper::GetCombinPath(path, ".").c_str()) &&
-           PathFileExistsA((path + ZOTH_PATH_SEPARATOR_TEXT ".").c_str());
+    std::error_code ec;
+    return std::filesystem::is_directory(std::filesystem::path(path), ec);
 }
 
 std::string TimeText(const _SYSTEMTIME& t) {
