@@ -14,110 +14,137 @@
 
 namespace ZOTH {
 
+/// The method of ExecuteRequest.
 enum EREQUEST_METHOD_tag {
-    EREQUEST_METHOD_GET = 1,
-    EREQUEST_METHOD_POST = 2,
-    EREQUEST_METHOD_PUT = 3,
+    EREQUEST_METHOD_GET = 1,  ///< GET; the data argument is not sent.
+    EREQUEST_METHOD_POST = 2, ///< POST with the data argument as the body.
+    EREQUEST_METHOD_PUT = 3,  ///< PUT with the data argument as the body.
 };
 
-// Host asked by the one-argument WininetHttpGet: a public service on port 80 that answers
-// "/cityjson?ie=utf-8" with the caller's address and city.
+/// Host asked by the one-argument WininetHttpGet: a public service on port 80 that answers
+/// "/cityjson?ie=utf-8" with the caller's address and city.
 inline constexpr const char* kDefaultLookupHost = "pv.sohu.com";
-// The host actually asked; starts as kDefaultLookupHost. Tests point it at loopback.
+/// The host the one-argument WininetHttpGet asks; starts as kDefaultLookupHost. Not guarded: set it
+/// before any thread uses it (tests point it at loopback).
 ZOTH_API extern std::string g_strLookupHost;
 
+/// A blocking HTTP/HTTPS client over libcurl, and a second road for plain HTTP over WinINet.
+///
+/// Every transfer runs on the caller's thread on a new libcurl easy handle, and reports by its
+/// result (1/0) and GetResultCode(), libcurl's code of the latest transfer; an HTTP error status is
+/// no failure. One object runs one transfer at a time: only Stop() may be called from another
+/// thread while a transfer runs. Connections, DNS answers and TLS sessions are shared between
+/// transfers through one process-wide cache unless SetConnectionReuse(false). TLS certificates are
+/// not verified unless SetTlsVerify or SetTlsCaPath turns it on.
 class ZOTH_API CHttpClientCurl {
 public:
-    // Told how far a download or probe has come: bytes expected (0 while unknown) and bytes received.
+    /// Told how far a download or probe has come: bytes expected (0 while unknown) and bytes
+    /// received. Called on the transferring thread.
     using ProgressObserver = std::function<void(double total, double now)>;
 
+    /// Defaults: a 30 s request limit, no custom headers, connection reuse on, no TLS verification.
+    /// No libcurl handle exists yet.
     CHttpClientCurl();
-    // Copies settings, texts and counters; the copy starts with no libcurl handle and no header list.
+    /// Copies settings, texts and counters; the copy starts with no libcurl handle and no header list.
     CHttpClientCurl(const CHttpClientCurl& other);
-    // As the copy constructor; the target's own handle and list are released first.
+    /// As the copy constructor; the target's own handle and list are released first.
     CHttpClientCurl& operator=(const CHttpClientCurl& other);
+    /// Releases the handle and the header list (Clear()). No transfer may be running.
     ~CHttpClientCurl();
 
-    // Replaces the handle with a new one (the first call in the process initialises libcurl) and
-    // drops the header list. 1 when a handle stands in m_pCurl, 0 when libcurl gave none.
+    /// Replaces the handle with a new one (the first call in the process initialises libcurl) and
+    /// drops the header list. 1 when a handle stands in m_pCurl, 0 when libcurl gave none.
     int InitCurl();
-    // Releases handle and header list; settings, texts and counters stay.
+    /// Releases handle and header list; settings, texts and counters stay.
     void Clear();
 
-    // One GET, POST or PUT of url, through proxy when it is non-empty. 1 when libcurl finished the
-    // transfer (any HTTP status), with the body in response; 0 otherwise, see GetResultCode.
+    /// One GET, POST or PUT of url, through proxy when it is non-empty. 1 when libcurl finished the
+    /// transfer (any HTTP status), with the body in response; 0 otherwise, see GetResultCode. A
+    /// pending Stop() ends it before it starts.
     int ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy, std::string postData,
                        std::string& response);
-    // ExecuteRequest with their method, after clearing the stop flag. postData is sent up to its
-    // first NUL; HttpGet sends none.
+    /// ExecuteRequest with GET after clearing a pending stop; postData is not sent.
     int HttpGet(std::string url, std::string proxy, std::string postData, std::string& response);
+    /// ExecuteRequest with POST after clearing a pending stop; postData is sent up to its first NUL.
     int HttpPost(std::string url, std::string proxy, std::string postData, std::string& response);
+    /// ExecuteRequest with PUT after clearing a pending stop; postData is sent up to its first NUL.
     int HttpPut(std::string url, std::string proxy, std::string postData, std::string& response);
 
-    // Request header lines ("Name: value") for every later request and upload, until replaced.
+    /// Request header lines ("Name: value") for every later request and upload, until replaced.
     void SetCustomHeaders(std::vector<std::string> headers);
-    // Time limit of requests and uploads in milliseconds, applied in whole seconds (below 1000: none).
+    /// Time limit of requests and uploads in milliseconds (default 30000), applied in whole seconds;
+    /// below 1000 means no limit.
     void SetTimeOutMax(DWORD milliseconds);
 
+    /// Tick count (ms, GetTickCount) at the start of the latest speed probe.
     DWORD GetStartTime();
+    /// Tick count (ms) when the latest speed probe received its last chunk.
     DWORD GetEndTime();
+    /// Body bytes received, counted across transfers; a speed probe starts the count from 0.
     DWORD GetTotalSize();
+    /// libcurl's code of the latest transfer (CURLE_OK, or the reason it failed).
     CURLcode GetResultCode();
-    // Header lines of the latest transfer exactly as received, line ends included.
+    /// Header lines of the latest transfer exactly as received, line ends included.
     std::string GetResponseHeaders();
 
-    // libcurl's data callbacks; user is the object. size_t where the original interface writes
-    // unsigned int, because libcurl's callback types take and return size_t and must match exactly.
+    /// libcurl's body callback; user is the object. Appends the chunk to the body; returns 0 (ending
+    /// the transfer) when a stop is pending or memory runs out, else size * count.
     static size_t CurlWriteCallback(char* data, size_t size, size_t count, void* user);
+    /// libcurl's header callback; user is the object. Appends the line to the header text.
     static size_t CurlWriteHeaderCallback(char* data, size_t size, size_t count, void* user);
-    // libcurl's progress callback: tells the progress observer, if any, and always returns 0.
+    /// libcurl's progress callback: tells the progress observer, if any, and always returns 0.
     static int CurlProgressCallback(void* user, double dltotal, double dlnow, double ultotal, double ulnow);
 
-    // Ends the running transfer within about a second, even one that receives nothing; it then gives
-    // 0 with CURLE_WRITE_ERROR. Made while no transfer runs, the stop ends the next download, upload
-    // or probe at once (GET, POST and PUT clear it). A transfer uses the stop up. Any thread may call.
+    /// Ends the running transfer within about a second, even one that receives nothing; it then gives
+    /// 0 with CURLE_WRITE_ERROR. Made while no transfer runs, the stop ends the next download, upload
+    /// or probe at once (GET, POST and PUT clear it). A transfer uses the stop up. Any thread may call.
     void Stop();
 
-    // Fetches url whole and writes it to filePath (replacing the file) only on status 200 with a
-    // body exactly as long as the announced length. 1 written, else 0 and the file untouched.
-    // The third argument is not used.
+    /// Fetches url into a temporary file beside filePath and renames it over filePath only on status
+    /// 200 with a body exactly as long as the announced length. 1 written; else 0, filePath untouched
+    /// and no temporary file left. A read-only target or a folder gives 0 before anything is fetched;
+    /// a symbolic link is written through. The body is not kept in the object. `md5` is not used.
     int DownloadFile(std::string url, std::string filePath, std::string md5);
-    // 1 when filePath names an existing file or folder, else 0. The digest argument is not used.
+    /// 1 when filePath names an existing file or folder, else 0. The digest argument is not used.
     int CheckFileMd5(std::string filePath, std::string md5);
 
-    // Pulls url for at most `seconds`, counting and dropping the body. Always 0: read the outcome
-    // from GetNetSpeed and GetResultCode (CURLE_WRITE_ERROR when the limit ended it).
+    /// Pulls url for at most `seconds`, counting and dropping the body. Always 0: read the outcome
+    /// from GetNetSpeed and GetResultCode (CURLE_WRITE_ERROR when the limit ended it).
     int TestNetSpeed(std::string url, int seconds);
-    // Speed of the latest probe in units of 2^20 bits per second; 0.0 with nothing to compute from.
+    /// Speed of the latest probe in units of 2^20 bits per second; 0.0 with nothing to compute from.
     double GetNetSpeed();
 
-    // Posts a multipart form of "reqformat" = "plain" and the file at filePath as "file". postData
-    // does not reach the wire. Results as ExecuteRequest.
+    /// Posts a multipart form of "reqformat" = "plain" and the file at filePath as "file". postData
+    /// does not reach the wire. Results as ExecuteRequest; an unreadable file gives 0.
     int HttpPostFile(std::string url, std::string proxy, std::string postData, std::string filePath,
                      std::string& response);
 
-    // Plain HTTP on port 80 over WinINet, agent "Testing". 1 once the request was sent (any
-    // status), with the whole answer in response; response is untouched when no byte came back.
-    int WininetHttpGet(std::string& response); // GET "/cityjson?ie=utf-8" from g_strLookupHost
+    /// GET "/cityjson?ie=utf-8" from g_strLookupHost over WinINet; results as the two-argument form.
+    int WininetHttpGet(std::string& response);
+    /// Plain HTTP GET of path from host on port 80 over WinINet, agent "Testing". 1 once the status
+    /// and headers came (any status), with the body bytes that arrived in response (all of them,
+    /// or those before the connection broke); 0 when no answer came, response untouched.
     int WininetHttpGet(std::string host, std::string path, std::string& response);
+    /// As WininetHttpGet, with POST and `data` as the body.
     int WininetHttpPost(std::string host, std::string path, std::string data, std::string& response);
 
-    // Observer told of progress during DownloadFile and TestNetSpeed; an empty one removes it.
+    /// Observer told of progress during DownloadFile and TestNetSpeed, on the transferring thread;
+    /// an empty one removes it.
     void SetProgressObserver(ProgressObserver observer);
 
-    // Connection reuse for every later libcurl transfer of this object; on by default. On, a transfer
-    // draws connections, DNS answers and TLS sessions from one cache of the process, so a new handle
-    // need not mean a new TCP and TLS handshake. Off, each transfer connects anew and its connection
-    // closes with its handle.
+    /// Connection reuse for every later libcurl transfer of this object; on by default. On, a transfer
+    /// draws connections, DNS answers and TLS sessions from one cache of the process, so a new handle
+    /// need not mean a new TCP and TLS handshake. Off, each transfer connects anew and its connection
+    /// closes with its handle.
     void SetConnectionReuse(bool reuse);
-    // TLS verification for every later libcurl transfer of this object; off by default, and HTTPS is
-    // then encrypted but not authenticated. On, the peer's certificate chain is checked against the
-    // system's trust store (or the CA of SetTlsCaPath) and the host name against the certificate; a
-    // failure ends the transfer with libcurl's code (CURLE_PEER_FAILED_VERIFICATION, 60).
+    /// TLS verification for every later libcurl transfer of this object; off by default, and HTTPS is
+    /// then encrypted but not authenticated. On, the peer's certificate chain is checked against the
+    /// system's trust store (or the CA of SetTlsCaPath) and the host name against the certificate; a
+    /// failure ends the transfer with libcurl's code (CURLE_PEER_FAILED_VERIFICATION, 60).
     void SetTlsVerify(bool verify);
-    // Trusts the CA certificates of a PEM bundle file, or of a folder prepared by `openssl rehash`,
-    // instead of the system's trust store, and turns verification on. An empty path goes back to the
-    // system's store and leaves verification as it is.
+    /// Trusts the CA certificates of a PEM bundle file, or of a folder prepared by `openssl rehash`,
+    /// instead of the system's trust store, and turns verification on. An empty path goes back to the
+    /// system's store and leaves verification as it is.
     void SetTlsCaPath(std::string path);
 
 private:
