@@ -1,5 +1,5 @@
 // The object, its libcurl handle, GET/POST/PUT and the callbacks that every transfer shares.
-#define CURL_DISABLE_DEPRECATION // the progress callback and form API are the ones this class is built on
+
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "zoth/platform/MemoryHint.h"

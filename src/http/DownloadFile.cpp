@@ -1,7 +1,7 @@
 // Whole-file download, streamed: the body goes to a temporary file beside the target while it
 // arrives, and that file takes the target's place only once the answer has proved complete. The
 // object keeps none of the body, so memory stays constant whatever the file's size.
-#define CURL_DISABLE_DEPRECATION // CURLINFO_CONTENT_LENGTH_DOWNLOAD and the progress callback
+
 #include "zoth/http/CHttpClientCurl.h"
 #include "zoth/platform/Win32File.h"
 #include "zoth/platform/Win32Path.h"

@@ -1,5 +1,5 @@
 // Multipart upload of one file beside the fixed field "reqformat".
-#define CURL_DISABLE_DEPRECATION // curl_formadd and CURLOPT_HTTPPOST
+
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "http/CurlOption.h"

@@ -1,5 +1,5 @@
 // Downstream speed probe: count what arrives for a number of seconds, keep nothing.
-#define CURL_DISABLE_DEPRECATION // the progress callback
+
 #include "zoth/http/CHttpClientCurl.h"
 
 namespace ZOTH {

@@ -4,6 +4,8 @@
 #include "zoth/platform/Win32Format.h"
 #include "zoth/platform/Win32Guid.h"
 
+#include "text/Bits.h"
+
 #include <algorithm>
 #include <bit>
 #include <cctype>
@@ -62,15 +64,6 @@ void ForEachSeparator(const Char* begin, const Char* end, Char separator, At at)
     }
 }
 
-// The set bits of a 16-bit mask, in plain arithmetic: std::popcount is a library call on an x86-64
-// without the POPCNT instruction, the baseline this library is built for.
-inline size_t BitsOf16(unsigned int v) {
-    v = v - ((v >> 1) & 0x5555);
-    v = (v & 0x3333) + ((v >> 2) & 0x3333);
-    v = (v + (v >> 4)) & 0x0F0F;
-    return (v + (v >> 8)) & 0x1F;
-}
-
 // How often `separator` stands in [begin, end).
 template <typename Char> size_t CountSeparators(const Char* begin, const Char* end, Char separator) {
     size_t count = 0;
@@ -79,7 +72,8 @@ template <typename Char> size_t CountSeparators(const Char* begin, const Char* e
         const __m128i wanted = _mm_set1_epi8(static_cast<char>(separator));
         for (; end - begin >= 16; begin += 16) {
             __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i*>(begin));
-            count += BitsOf16(static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, wanted))));
+            count +=
+                text::BitsOf16(static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi8(bytes, wanted))));
         }
     }
 #endif

@@ -2,6 +2,8 @@
 // operations on bytes; nothing is validated and only the http and https heads are known.
 #include "zoth/text/STRING_UTIL.h"
 
+#include "text/Bits.h"
+
 #include <bit>
 #include <cctype>
 #include <cstdint>
@@ -105,15 +107,6 @@ inline unsigned int AsciiPassMask(__m128i v) {
     return static_cast<unsigned int>(_mm_movemask_epi8(pass));
 }
 
-// The set bits of a 16-bit mask, in plain arithmetic: std::popcount is a library call on an x86-64
-// without the POPCNT instruction, the baseline this library is built for.
-inline size_t BitsOf16(unsigned int v) {
-    v = v - ((v >> 1) & 0x5555);
-    v = (v & 0x3333) + ((v >> 2) & 0x3333);
-    v = (v + (v >> 4)) & 0x0F0F;
-    return (v + (v >> 8)) & 0x1F;
-}
-
 // Bit i set where byte i of v needs more than a copy from UrlEncode: not passing, not a space.
 inline unsigned int EncodeStops(__m128i v) {
     unsigned int space = static_cast<unsigned int>(_mm_movemask_epi8(_mm_cmpeq_epi8(v, _mm_set1_epi8(' '))));
@@ -177,7 +170,7 @@ std::string STRING_UTIL::UrlEncode(const std::string& text) {
         __m128i space = _mm_cmpeq_epi8(v, _mm_set1_epi8(' '));
         unsigned int stop =
             ~(AsciiPassMask(v) | static_cast<unsigned int>(_mm_movemask_epi8(space))) & 0xFFFF;
-        length += 16 + 2 * BitsOf16(stop);
+        length += 16 + 2 * text::BitsOf16(stop);
         for (unsigned int high = static_cast<unsigned int>(_mm_movemask_epi8(v)); high != 0; high &= high - 1)
             length -= 3 - lengthOf(in[i + static_cast<unsigned int>(std::countr_zero(high))]);
     }
