@@ -351,18 +351,25 @@ TEST(FileDeletion, LinksNamedAsTheFolderOrSwappedInDuringTheWalk) {
     EXPECT_TRUE(Exists(link));
     EXPECT_TRUE(outsideIntact());
 
-    // "a" is a folder of the tree and "b" a link out of it; a second thread keeps exchanging them.
+    // Each "aN" is a folder of the tree and "bN" a link out of it; a second thread keeps exchanging them.
     const std::string tree = dir / "tree";
-    for (int round = 0; round < 200 && !HasFailure(); ++round) {
-        MakeDirs(tree, {"", "/a", "/a/sub"});
-        for (const char* name : {"/f1", "/f2", "/f3", "/a/x1", "/a/x2", "/a/sub/x3"})
-            Spit(tree + name, "x");
-        ASSERT_EQ(::symlink(outside.Path().c_str(), (tree + "/b").c_str()), 0);
+    const int pairs = 8;
+    for (int round = 0; round < 60 && !HasFailure(); ++round) {
+        MakeDirs(tree, {""});
+        for (int pair = 0; pair < pairs; ++pair) {
+            const std::string a = tree + "/a" + std::to_string(pair), b = tree + "/b" + std::to_string(pair);
+            MakeDirs(a, {"", "/sub"});
+            for (const char* name : {"/x1", "/x2", "/sub/x3"})
+                Spit(a + name, "x");
+            Spit(tree + "/f" + std::to_string(pair), "x");
+            ASSERT_EQ(::symlink(outside.Path().c_str(), b.c_str()), 0);
+        }
         std::atomic<bool> stop{false};
         std::thread swapper([&] {
-            while (!stop.load())
-                ::renameat2(AT_FDCWD, (tree + "/a").c_str(), AT_FDCWD, (tree + "/b").c_str(),
-                            RENAME_EXCHANGE);
+            for (int pair = 0; !stop.load(); pair = (pair + 1) % pairs) {
+                const std::string a = tree + "/a" + std::to_string(pair), b = tree + "/b" + std::to_string(pair);
+                ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
+            }
         });
         if (round % 2 == 0)
             CPathHelper::DeleteDirectory(tree);
