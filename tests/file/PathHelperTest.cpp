@@ -367,7 +367,8 @@ TEST(FileDeletion, LinksNamedAsTheFolderOrSwappedInDuringTheWalk) {
         std::atomic<bool> stop{false};
         std::thread swapper([&] {
             for (int pair = 0; !stop.load(); pair = (pair + 1) % pairs) {
-                const std::string a = tree + "/a" + std::to_string(pair), b = tree + "/b" + std::to_string(pair);
+                const std::string a = tree + "/a" + std::to_string(pair),
+                                  b = tree + "/b" + std::to_string(pair);
                 ::renameat2(AT_FDCWD, a.c_str(), AT_FDCWD, b.c_str(), RENAME_EXCHANGE);
             }
         });
