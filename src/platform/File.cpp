@@ -622,9 +622,10 @@ BOOL FileTimeToLocalFileTime(const FILETIME* utc, LPFILETIME local) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    time_t seconds = static_cast<time_t>(static_cast<int64_t>(ticks / 10000000ULL) - 11644473600LL);
+    // The offset of now, not of the time converted: Windows applies today's rule to every time.
+    time_t now = ::time(nullptr);
     struct tm parts;
-    if (::localtime_r(&seconds, &parts) == nullptr) {
+    if (::localtime_r(&now, &parts) == nullptr) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }

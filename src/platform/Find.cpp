@@ -1,5 +1,7 @@
 // Directory searches behind FindFirstFileA / FindNextFileA / FindClose: a readdir walk that delivers
-// "." and ".." first, filtered by a Windows wildcard pattern, with each entry described by lstat.
+// "." and ".." first, filtered by a Windows wildcard pattern, with each entry described by lstat. Tree
+// walks chain searches by descriptor (FindFirstFoundFolderA) and act on entries by name inside the
+// folder a search holds open, so no path is resolved again below the top and no link is followed.
 #include "platform/FileObject.h"
 
 #include <cerrno>
@@ -7,6 +9,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -17,17 +20,68 @@ namespace {
 using namespace ZOTH::platform;
 
 constexpr DWORD kReparseTagSymlink = 0xA000000Cu;
+constexpr DWORD kKnownFlags = FIND_FIRST_EX_LARGE_FETCH | FIND_FIRST_EX_NAME_AND_TYPE;
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+// A chain of sub-searches keeps at most this many folders open, far below the usual limit of 1024
+// descriptors, whatever the depth of the tree.
+constexpr int kHeldFolders = 32;
+
+// What a search holds: no folder (a plain-name search), its folder open, its folder let go for a
+// while to spare descriptors (its sub-search will take it back), or its folder lost for good.
+enum class Hold { None, Open, Parked, Lost };
 
 struct FindObject final : KernelObject {
-    ~FindObject() override {
-        if (dir != nullptr) ::closedir(dir);
-    }
+    ~FindObject() override;
     DIR* dir = nullptr;
     std::string pattern; // the name part, with wildcards
     int dotsDelivered = 0;
     bool matchAll = false;    // "*" or "*.*": every name, no matching needed
     bool nameAndType = false; // FIND_FIRST_EX_NAME_AND_TYPE: describe entries from their dirent
+    Hold hold = Hold::None;
+    dev_t device = 0; // the folder's identity, recorded when it is let go
+    ino_t inode = 0;
+    FindObject* parent = nullptr; // the search this one was opened from by FindFirstFoundFolderA
+    FindObject* child = nullptr;  // the sub-search open below this one
 };
+
+// Lets go of the folder of a search whose sub-searches run deep.
+void Park(FindObject* search) {
+    struct stat st;
+    if (::fstat(::dirfd(search->dir), &st) != 0) return; // keep it open rather than lose it
+    search->device = st.st_dev;
+    search->inode = st.st_ino;
+    ::closedir(search->dir);
+    search->dir = nullptr;
+    search->hold = Hold::Parked;
+}
+
+// Takes a parked folder back through ".." of its sub-search's folder `childFd`, if that is still
+// the same folder; the search then starts again.
+void Retake(FindObject* search, int childFd) {
+    search->hold = Hold::Lost;
+    int fd = childFd < 0 ? -1 : ::openat(childFd, "..", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    struct stat st;
+    DIR* dir = nullptr;
+    if (::fstat(fd, &st) == 0 && st.st_dev == search->device && st.st_ino == search->inode)
+        dir = ::fdopendir(fd);
+    if (dir == nullptr) {
+        ::close(fd);
+        return;
+    }
+    search->dir = dir;
+    search->dotsDelivered = 0;
+    search->hold = Hold::Open;
+}
+
+FindObject::~FindObject() {
+    if (child != nullptr) child->parent = nullptr;
+    if (parent != nullptr) {
+        parent->child = nullptr;
+        if (parent->hold == Hold::Parked) Retake(parent, dir != nullptr ? ::dirfd(dir) : -1);
+    }
+    if (dir != nullptr) ::closedir(dir);
+}
 
 char Lower(char c) {
     return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c;
@@ -146,6 +200,64 @@ bool Advance(FindObject* search, WIN32_FIND_DATAA* data) {
     }
 }
 
+// The descriptor to act on `name` of `search` relative to: its open folder, or AT_FDCWD (then by
+// `path`) for a search that holds no folder or a name that is no plain entry. -1 with the last error
+// set when the search's folder is not at hand.
+int BaseOf(FindObject* search, const char* name) {
+    bool plain = name[0] != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
+                 std::strcmp(name, "..") != 0;
+    switch (search->hold) {
+    case Hold::Open:
+        return plain ? ::dirfd(search->dir) : AT_FDCWD;
+    case Hold::None:
+        return AT_FDCWD;
+    case Hold::Parked:
+        SetLastError(ERROR_BUSY);
+        return -1;
+    case Hold::Lost:
+        break;
+    }
+    SetLastError(ERROR_PATH_NOT_FOUND);
+    return -1;
+}
+
+void SetFolderError(int error) {
+    if (error == ELOOP || error == ENOTDIR)
+        SetLastError(ERROR_DIRECTORY);
+    else if (error == ENOENT)
+        SetLastError(ERROR_PATH_NOT_FOUND);
+    else
+        SetLastErrorFromErrno(error);
+}
+
+bool ValidFlags(LPWIN32_FIND_DATAA data, DWORD flags) {
+    if (data != nullptr && (flags & ~kKnownFlags) == 0) return true;
+    SetLastError(ERROR_INVALID_PARAMETER);
+    return false;
+}
+
+// Starts a search of every entry of the open folder `fd` (taken over, closed on failure).
+FindObject* SearchFolder(int fd, LPWIN32_FIND_DATAA data, DWORD flags) {
+    auto* search = new FindObject;
+    search->dir = ::fdopendir(fd);
+    if (search->dir == nullptr) {
+        SetLastErrorFromErrno(errno);
+        ::close(fd);
+        delete search;
+        return nullptr;
+    }
+    search->hold = Hold::Open;
+    search->pattern = "*.*";
+    search->matchAll = true;
+    search->nameAndType = (flags & FIND_FIRST_EX_NAME_AND_TYPE) != 0;
+    if (!Advance(search, data)) {
+        delete search;
+        SetLastError(ERROR_FILE_NOT_FOUND);
+        return nullptr;
+    }
+    return search;
+}
+
 } // namespace
 
 HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data) {
@@ -155,19 +267,12 @@ HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data) {
 HANDLE FindFirstFileExA(LPCSTR pattern, FINDEX_INFO_LEVELS level, LPVOID output, FINDEX_SEARCH_OPS op,
                         LPVOID filter, DWORD flags) {
     auto* data = static_cast<LPWIN32_FIND_DATAA>(output);
-    const DWORD known = FIND_FIRST_EX_LARGE_FETCH | FIND_FIRST_EX_NAME_AND_TYPE;
     if (pattern == nullptr || data == nullptr || (level != FindExInfoStandard && level != FindExInfoBasic) ||
-        op != FindExSearchNameMatch || filter != nullptr || (flags & ~known) != 0) {
+        op != FindExSearchNameMatch || filter != nullptr || (flags & ~kKnownFlags) != 0) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
     }
     std::string full(pattern);
-    // Two leading separators name a network share on Windows; the layer has none. Refusing them
-    // also keeps "" + "//*.*" from turning into a search of the root folder.
-    if (full.size() >= 2 && full[0] == '/' && full[1] == '/') {
-        SetLastError(ERROR_BAD_NETPATH);
-        return INVALID_HANDLE_VALUE;
-    }
     size_t slash = full.rfind('/');
     std::string folder = slash == std::string::npos ? "." : slash == 0 ? "/" : full.substr(0, slash);
     std::string name = slash == std::string::npos ? full : full.substr(slash + 1);
@@ -186,6 +291,7 @@ HANDLE FindFirstFileExA(LPCSTR pattern, FINDEX_INFO_LEVELS level, LPVOID output,
             SetLastErrorFromErrno(error);
         return INVALID_HANDLE_VALUE;
     }
+    search->hold = Hold::Open;
     search->pattern = name;
     search->matchAll = name == "*" || name == "*.*";
     search->nameAndType = (flags & FIND_FIRST_EX_NAME_AND_TYPE) != 0;
@@ -195,6 +301,7 @@ HANDLE FindFirstFileExA(LPCSTR pattern, FINDEX_INFO_LEVELS level, LPVOID output,
         bool found = Describe(::dirfd(search->dir), name.c_str(), data);
         ::closedir(search->dir);
         search->dir = nullptr;
+        search->hold = Hold::None;
         if (!found) {
             delete search;
             SetLastError(ERROR_FILE_NOT_FOUND);
@@ -216,6 +323,10 @@ BOOL FindNextFileA(HANDLE handle, LPWIN32_FIND_DATAA data) {
         SetLastError(search == nullptr ? ERROR_INVALID_HANDLE : ERROR_INVALID_PARAMETER);
         return FALSE;
     }
+    if (search->hold == Hold::Parked || search->hold == Hold::Lost) {
+        SetLastError(search->hold == Hold::Parked ? ERROR_BUSY : ERROR_PATH_NOT_FOUND);
+        return FALSE;
+    }
     if (search->dir == nullptr || !Advance(search, data)) {
         SetLastError(ERROR_NO_MORE_FILES);
         return FALSE;
@@ -233,12 +344,90 @@ BOOL DeleteFoundFileA(HANDLE handle, LPCSTR path, LPCSTR name) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    // Only a plain entry name can be taken relative to the open folder; anything else, or a search
-    // that holds no folder (a plain-name search), goes by the full path.
-    bool plain = name[0] != '\0' && std::strchr(name, '/') == nullptr && std::strcmp(name, ".") != 0 &&
-                 std::strcmp(name, "..") != 0;
-    if (search->dir == nullptr || !plain) return DeleteFileA(path);
-    return DeleteFileAt(::dirfd(search->dir), name);
+    int base = BaseOf(search, name);
+    if (base == -1) return FALSE;
+    return DeleteFileAt(base, base == AT_FDCWD ? path : name);
+}
+
+HANDLE FindFirstFolderA(LPCSTR folder, LPWIN32_FIND_DATAA data, DWORD flags) {
+    if (folder == nullptr || !ValidFlags(data, flags)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    // A trailing separator would make the system follow a link named as the folder.
+    std::string path(folder);
+    while (path.size() > 1 && path.back() == '/')
+        path.pop_back();
+    int fd = ::open(path.c_str(), kFolderFlags);
+    if (fd < 0) {
+        SetFolderError(errno);
+        return INVALID_HANDLE_VALUE;
+    }
+    FindObject* search = SearchFolder(fd, data, flags);
+    return search != nullptr ? search : INVALID_HANDLE_VALUE;
+}
+
+HANDLE FindFirstFoundFolderA(HANDLE handle, LPCSTR path, LPCSTR name, LPWIN32_FIND_DATAA data, DWORD flags) {
+    auto* parent = AsSearch(handle);
+    if (parent == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (path == nullptr || name == nullptr || !ValidFlags(data, flags)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    if (parent->child != nullptr) {
+        SetLastError(ERROR_BUSY);
+        return INVALID_HANDLE_VALUE;
+    }
+    int base = BaseOf(parent, name);
+    if (base == -1) return INVALID_HANDLE_VALUE;
+    int fd = ::openat(base, base == AT_FDCWD ? path : name, kFolderFlags);
+    if (fd < 0) {
+        SetFolderError(errno);
+        return INVALID_HANDLE_VALUE;
+    }
+    FindObject* search = SearchFolder(fd, data, flags);
+    if (search == nullptr) return INVALID_HANDLE_VALUE;
+    search->parent = parent;
+    parent->child = search;
+    // Keep the deepest folders of the chain open: let go of the one that falls out of the window.
+    FindObject* ancestor = search;
+    for (int i = 0; i < kHeldFolders && ancestor != nullptr; ++i)
+        ancestor = ancestor->parent;
+    if (ancestor != nullptr && ancestor->hold == Hold::Open) Park(ancestor);
+    return search;
+}
+
+BOOL RemoveFoundDirectoryA(HANDLE handle, LPCSTR path, LPCSTR name) {
+    auto* search = AsSearch(handle);
+    if (search == nullptr) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    if (path == nullptr || name == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    int base = BaseOf(search, name);
+    if (base == -1) return FALSE;
+    const char* target = base == AT_FDCWD ? path : name;
+    // The type is checked where the removal happens, so a link that took the folder's place stays.
+    struct stat st;
+    if (::fstatat(base, target, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    if (!S_ISDIR(st.st_mode)) {
+        SetLastError(ERROR_DIRECTORY);
+        return FALSE;
+    }
+    if (::unlinkat(base, target, AT_REMOVEDIR) != 0) {
+        SetLastErrorFromErrno(errno == EEXIST ? ENOTEMPTY : errno);
+        return FALSE;
+    }
+    return TRUE;
 }
 
 BOOL FindClose(HANDLE handle) {

@@ -109,6 +109,17 @@ template <class C> BOOL RemoveFileSpec(C* path) {
 
 } // namespace
 
+// By text first, then by identity: stat follows the whole path, links included, and opens nothing.
+BOOL PathNamesRootA(LPCSTR path) {
+    if (path == nullptr || path[0] == '\0') return FALSE;
+    if (path[0] == '/' && Canonical(std::string(path)) == "/") return TRUE;
+    struct stat st, root;
+    return ::stat(path, &st) == 0 && ::stat("/", &root) == 0 && st.st_dev == root.st_dev &&
+                   st.st_ino == root.st_ino
+               ? TRUE
+               : FALSE;
+}
+
 BOOL PathFileExistsA(LPCSTR path) {
     struct stat st;
     if (path == nullptr || ::stat(path, &st) != 0) {

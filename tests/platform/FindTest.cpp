@@ -1,13 +1,16 @@
-// The layer's directory search: dots first, Windows wildcards, links, deletion during the walk.
+// The layer's directory search: dots first, Windows wildcards, links, deletion during the walk, and
+// the calls that tree walks are built on.
 #include "PlatformTestSupport.h"
 #include "TempDir.h"
 #include "zoth/platform/Win32File.h"
+#include "zoth/platform/Win32Path.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <set>
@@ -104,19 +107,20 @@ TEST(PlatformFind, WildcardsAndMisses) {
     for (const auto& [pattern, names] : cases)
         EXPECT_EQ(Names(dir / pattern), names) << pattern;
 
-    // Two leading separators are a network path on Windows: refused, never a walk of "/".
     const std::pair<std::string, DWORD> misses[] = {{dir / "*.none", ERROR_FILE_NOT_FOUND},
                                                     {dir / "nothing", ERROR_FILE_NOT_FOUND},
                                                     {dir / "missing/*.*", ERROR_PATH_NOT_FOUND},
-                                                    {dir / "a.txt/*.*", ERROR_PATH_NOT_FOUND},
-                                                    {"//*.*", ERROR_BAD_NETPATH},
-                                                    {"///*.*", ERROR_BAD_NETPATH}};
+                                                    {dir / "a.txt/*.*", ERROR_PATH_NOT_FOUND}};
     WIN32_FIND_DATAA data;
     for (const auto& [pattern, error] : misses) {
         SCOPED_TRACE(pattern);
         EXPECT_FAILS_WITH(FindFirstFileA(pattern.c_str(), &data), INVALID_HANDLE_VALUE, error);
     }
-    EXPECT_EQ(Walk("/*").at(0).first, "."); // one separator is the root, as usual
+    // The root folder, with one separator or several.
+    for (const char* root : {"/*", "//*.*", "///*.*"}) {
+        EXPECT_EQ(Walk(root).at(0).first, ".") << root;
+        EXPECT_EQ(Names(root).count("tmp"), 1u) << root;
+    }
     EXPECT_EQ(FindFirstFileA(nullptr, &data), INVALID_HANDLE_VALUE);
     EXPECT_FAILS_WITH(FindNextFileA(nullptr, &data), FALSE, ERROR_INVALID_HANDLE);
     EXPECT_FALSE(FindClose(INVALID_HANDLE_VALUE));
@@ -193,4 +197,131 @@ TEST(PlatformFind, DeleteFoundFileStaysInTheSearchedFolder) {
     EXPECT_FAILS_WITH(DeleteFoundFileA(INVALID_HANDLE_VALUE, (elsewhere + "/a.txt").c_str(), "a.txt"), FALSE,
                       ERROR_INVALID_HANDLE);
     EXPECT_EQ(::access((elsewhere + "/a.txt").c_str(), F_OK), 0);
+}
+
+// The walk calls act inside the folders their searches hold open and never pass through a link: not
+// as the folder searched, not as an entry swapped for a link after its parent was read, not when the
+// held folder's own path is taken over by a link.
+TEST(PlatformFind, WalkCallsNeverPassThroughALink) {
+    zoth_test::TempDir root, elsewhere;
+    const std::string tree = root / "tree", held = root / "held";
+    for (const std::string& folder : {tree, tree + "/sub", tree + "/empty", tree + "/full",
+                                      elsewhere / "empty", elsewhere / "full", elsewhere / "sub"})
+        ASSERT_EQ(::mkdir(folder.c_str(), 0755), 0) << folder;
+    std::ofstream(tree + "/sub/inner") << "";
+    std::ofstream(tree + "/full/f") << "";
+    std::ofstream(elsewhere / "keep") << "keep";
+    ASSERT_EQ(::symlink(elsewhere.Path().c_str(), (root / "link").c_str()), 0);
+
+    WIN32_FIND_DATAA data;
+    for (const std::string& link : {root / "link", root / "link/", root / "link//"})
+        EXPECT_FAILS_WITH(FindFirstFolderA(link.c_str(), &data, 0), INVALID_HANDLE_VALUE, ERROR_DIRECTORY);
+    EXPECT_FAILS_WITH(FindFirstFolderA((tree + "/sub/inner").c_str(), &data, 0), INVALID_HANDLE_VALUE,
+                      ERROR_DIRECTORY);
+    EXPECT_FAILS_WITH(FindFirstFolderA((root / "missing").c_str(), &data, 0), INVALID_HANDLE_VALUE,
+                      ERROR_PATH_NOT_FOUND);
+    EXPECT_FAILS_WITH(FindFirstFolderA(tree.c_str(), &data, 0x4u), INVALID_HANDLE_VALUE,
+                      ERROR_INVALID_PARAMETER);
+
+    HANDLE top = FindFirstFolderA((tree + "/").c_str(), &data, FIND_FIRST_EX_NAME_AND_TYPE);
+    ASSERT_NE(top, INVALID_HANDLE_VALUE);
+    EXPECT_STREQ(data.cFileName, ".");
+    // From here on the tree's path leads elsewhere; the calls still work in the folder held open.
+    ASSERT_EQ(::rename(tree.c_str(), held.c_str()), 0);
+    ASSERT_EQ(::symlink(elsewhere.Path().c_str(), tree.c_str()), 0);
+    HANDLE sub = FindFirstFoundFolderA(top, (tree + "/sub").c_str(), "sub", &data, 0);
+    ASSERT_NE(sub, INVALID_HANDLE_VALUE);
+    std::set<std::string> names;
+    do
+        names.insert(data.cFileName);
+    while (FindNextFileA(sub, &data));
+    EXPECT_EQ(names, (std::set<std::string>{".", "..", "inner"}));
+    EXPECT_FAILS_WITH(FindFirstFoundFolderA(top, (tree + "/full").c_str(), "full", &data, 0),
+                      INVALID_HANDLE_VALUE, ERROR_BUSY); // one sub-search at a time
+    EXPECT_TRUE(FindClose(sub));
+    EXPECT_TRUE(RemoveFoundDirectoryA(top, (tree + "/empty").c_str(), "empty"));
+    EXPECT_FALSE(RemoveFoundDirectoryA(top, (tree + "/full").c_str(), "full")); // not empty
+    EXPECT_NE(::access((held + "/empty").c_str(), F_OK), 0);
+    EXPECT_EQ(::access((held + "/full/f").c_str(), F_OK), 0);
+
+    // An entry swapped for a link: neither searched nor removed as a folder; only deleted as a link.
+    ASSERT_EQ(::rename((held + "/sub").c_str(), (root / "sub").c_str()), 0);
+    ASSERT_EQ(::symlink(elsewhere.Path().c_str(), (held + "/sub").c_str()), 0);
+    EXPECT_FAILS_WITH(FindFirstFoundFolderA(top, (tree + "/sub").c_str(), "sub", &data, 0),
+                      INVALID_HANDLE_VALUE, ERROR_DIRECTORY);
+    EXPECT_FAILS_WITH(RemoveFoundDirectoryA(top, (tree + "/sub").c_str(), "sub"), FALSE, ERROR_DIRECTORY);
+    EXPECT_TRUE(DeleteFoundFileA(top, (tree + "/sub").c_str(), "sub"));
+    EXPECT_TRUE(FindClose(top));
+    EXPECT_EQ(Names(elsewhere / "*"), (std::set<std::string>{".", "..", "empty", "full", "keep", "sub"}));
+    EXPECT_FAILS_WITH(RemoveFoundDirectoryA(INVALID_HANDLE_VALUE, elsewhere.Path().c_str(), "empty"), FALSE,
+                      ERROR_INVALID_HANDLE);
+}
+
+// A chain of sub-searches as deep as a tree goes holds only a few folders open. An ancestor that let
+// go of its folder refuses calls until its sub-search closes, then takes the folder back through ".."
+// and starts again, unless ".." no longer leads to that same folder: then it stays lost.
+TEST(PlatformFind, DeepChainsHoldFewFoldersAndTakeThemBackOnlyIfUnchanged) {
+    auto openFiles = [] {
+        return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                             std::filesystem::directory_iterator());
+    };
+    zoth_test::TempDir root;
+    const int depth = 100;
+    std::string path = root / "c";
+    std::vector<std::string> paths;
+    for (int level = 0; level <= depth; ++level, path += "/c") {
+        ASSERT_EQ(::mkdir(path.c_str(), 0755), 0);
+        std::ofstream(path + "/f") << "";
+        paths.push_back(path);
+    }
+    const auto before = openFiles();
+    WIN32_FIND_DATAA data;
+    std::vector<HANDLE> chain{FindFirstFolderA(paths[0].c_str(), &data, 0)};
+    for (int level = 1; level <= depth; ++level) {
+        chain.push_back(FindFirstFoundFolderA(chain.back(), paths[level].c_str(), "c", &data, 0));
+        ASSERT_NE(chain.back(), INVALID_HANDLE_VALUE) << level;
+    }
+    EXPECT_LE(openFiles() - before, 40);
+    EXPECT_FAILS_WITH(FindNextFileA(chain[0], &data), FALSE, ERROR_BUSY);
+    EXPECT_FAILS_WITH(DeleteFoundFileA(chain[0], (paths[0] + "/f").c_str(), "f"), FALSE, ERROR_BUSY);
+    EXPECT_EQ(::access((paths[0] + "/f").c_str(), F_OK), 0);
+
+    // Level 10 is moved out of level 9: closing level 10's search cannot take level 9 back.
+    ASSERT_EQ(::rename(paths[10].c_str(), (root / "away").c_str()), 0);
+    for (int level = depth; level >= 1; --level) {
+        EXPECT_TRUE(FindClose(chain[level]));
+        std::set<std::string> names;
+        SetLastError(ERROR_SUCCESS);
+        while (FindNextFileA(chain[level - 1], &data))
+            names.insert(data.cFileName);
+        if (level > 10) {
+            EXPECT_TRUE(names.count("c") == 1 && names.count("f") == 1) << level;
+        } else {
+            EXPECT_TRUE(names.empty()) << level; // lost: nothing more from it, never from elsewhere
+            EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_PATH_NOT_FOUND)) << level;
+            EXPECT_FAILS_WITH(DeleteFoundFileA(chain[level - 1], (paths[level - 1] + "/f").c_str(), "f"),
+                              FALSE, ERROR_PATH_NOT_FOUND);
+        }
+    }
+    EXPECT_TRUE(FindClose(chain[0]));
+    EXPECT_EQ(openFiles(), before);
+    for (int level = 0; level < 10; ++level)
+        EXPECT_EQ(::access((paths[level] + "/f").c_str(), F_OK), 0) << level;
+}
+
+// Only the text or the target of a path is looked at; nothing is opened.
+TEST(PlatformFind, PathNamesRootByTextOrWhereItLeads) {
+    zoth_test::TempDir dir;
+    ASSERT_EQ(::symlink("/", (dir / "toroot").c_str()), 0);
+    ASSERT_EQ(::symlink("/tmp", (dir / "totmp").c_str()), 0);
+    for (const std::string& root :
+         {std::string("/"), std::string("//"), std::string("///"), std::string("/."), std::string("/./"),
+          std::string("/x/.."), std::string("/tmp/.."), std::string("/tmp/../.."),
+          std::string("/no/such/../.."), dir / "toroot", dir / "toroot/", dir / "totmp/.."})
+        EXPECT_TRUE(PathNamesRootA(root.c_str())) << root;
+    for (const std::string& other :
+         {std::string(""), std::string("/tmp"), std::string("/tmp/"), std::string("/tmp/x/.."),
+          std::string("relative/.."), dir.Path(), dir / "totmp", dir / "missing/.."})
+        EXPECT_FALSE(PathNamesRootA(other.c_str())) << other;
+    EXPECT_FALSE(PathNamesRootA(nullptr));
 }

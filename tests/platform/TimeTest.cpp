@@ -1,14 +1,19 @@
 // Calendar records and file-time ticks against the standard library's civil-day arithmetic, and the
 // local clock and local file times under several zones.
 #include "PlatformTestSupport.h"
+#include "TempDir.h"
 #include "zoth/platform/Win32File.h"
 #include "zoth/platform/Win32Time.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <random>
 #include <string>
 #include <tuple>
@@ -137,18 +142,42 @@ TEST(PlatformTime, LocalClockFollowsZone) {
     _ftime64(nullptr);
 }
 
-// FileTimeToLocalFileTime applies the offset in force at that instant, not today's.
-TEST(PlatformTime, LocalFileTimeUsesTheOffsetOfThatInstant) {
-    const uint64_t september = kUnixEpoch + 1000000000ull * 10000000ull; // 2001-09-09 01:46:40 UTC
-    const std::tuple<const char*, uint64_t, uint64_t> cases[] = {
-        {"UTC0", september, 0},
-        {"CET-1CEST,M3.5.0,M10.5.0/3", september, 2}, // summer time
-        {"CET-1CEST,M3.5.0,M10.5.0/3", september - 240 * kDay, 1}};
-    for (auto [zone, utc, hoursAhead] : cases) {
+// FileTimeToLocalFileTime applies the zone's offset of the present moment to every time, as Windows
+// does: a file written in the other season than today's shows today's offset, not its own.
+TEST(PlatformTime, LocalFileTimeUsesTheOffsetOfThePresentMoment) {
+    zoth_test::TempDir dir;
+    const std::string path = dir / "f";
+    std::ofstream(path) << "x";
+    for (const char* zone : {"CET-1CEST,M3.5.0,M10.5.0/3", "AEST-10AEDT,M10.1.0,M4.1.0/3", "UTC0"}) {
         zoth_test::EnvScope scope("TZ", zone);
-        FILETIME in = FromTicks(utc), local = {};
-        ASSERT_TRUE(FileTimeToLocalFileTime(&in, &local)) << zone;
-        EXPECT_EQ(Ticks(local), utc + hoursAhead * 3600 * zoth_test::kTicksPerSecond) << zone << " " << utc;
+        time_t now = std::time(nullptr);
+        tm today = {};
+        localtime_r(&now, &today);
+        // A time in the other season than today's (for a zone with summer time), within the past year.
+        time_t other = now;
+        tm then = today;
+        for (int month = 1; month <= 12 && then.tm_gmtoff == today.tm_gmtoff; ++month) {
+            other = now - month * 30 * 86400;
+            localtime_r(&other, &then);
+        }
+        if (std::string(zone) != "UTC0") {
+            ASSERT_NE(then.tm_gmtoff, today.tm_gmtoff) << zone;
+        }
+        const timespec times[2] = {{other, 0}, {other, 0}};
+        ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+
+        HANDLE file =
+            CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr);
+        ASSERT_NE(file, INVALID_HANDLE_VALUE);
+        FILETIME written = {}, local = {};
+        ASSERT_TRUE(GetFileTime(file, nullptr, nullptr, &written));
+        CloseHandle(file);
+        const uint64_t utc = kUnixEpoch + static_cast<uint64_t>(other) * zoth_test::kTicksPerSecond;
+        ASSERT_EQ(Ticks(written), utc) << zone;
+        ASSERT_TRUE(FileTimeToLocalFileTime(&written, &local)) << zone;
+        EXPECT_EQ(static_cast<int64_t>(Ticks(local) - utc),
+                  static_cast<int64_t>(today.tm_gmtoff) * static_cast<int64_t>(zoth_test::kTicksPerSecond))
+            << zone;
     }
     FILETIME huge{0, 0xFFFFFFFFu}, local = {};
     EXPECT_FALSE(FileTimeToLocalFileTime(nullptr, &local));

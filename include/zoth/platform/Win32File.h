@@ -7,7 +7,8 @@
 //   access is what the operating system grants the caller.
 // - Sharing flags have no POSIX meaning and are accepted as given.
 // - Symbolic links are never followed by searches: a link is reported as FILE_ATTRIBUTE_REPARSE_POINT
-//   and never with FILE_ATTRIBUTE_DIRECTORY, so a walk removes the link and not its target.
+//   and never with FILE_ATTRIBUTE_DIRECTORY, so a walk removes the link and not its target. The
+//   walk calls below (FindFirstFolderA, the *Found* calls) never pass through a link either.
 // - Creation time is the birth time where the file system reports it, else the change time.
 #pragma once
 
@@ -25,6 +26,7 @@
 #define ERROR_BAD_NETPATH 53u
 #define ERROR_HANDLE_EOF 38u
 #define ERROR_DISK_FULL 112u
+#define ERROR_BUSY 170u
 #define ERROR_INVALID_NAME 123u
 #define ERROR_NEGATIVE_SEEK 131u
 #define ERROR_FILENAME_EXCED_RANGE 206u
@@ -117,9 +119,9 @@ ZOTH_API BOOL RemoveDirectoryA(LPCSTR name);
 
 // Starts a search for `pattern`: a folder, a separator and a name with the wildcards * and ?, matched
 // without regard to ASCII case; "*.*" matches every name. A folder delivers "." first and ".."
-// second, then its entries. Entries may be deleted while the search runs. Ends with
-// ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the folder is missing. A
-// pattern that starts with two separators (a network share on Windows) is ERROR_BAD_NETPATH.
+// second (each only when it can be described), then its entries. Entries may be deleted while the
+// search runs. Ends with ERROR_FILE_NOT_FOUND when nothing matches, ERROR_PATH_NOT_FOUND when the
+// folder is missing. Repeated separators count as one: "//*.*" searches the root folder.
 ZOTH_API HANDLE FindFirstFileA(LPCSTR pattern, LPWIN32_FIND_DATAA data);
 typedef enum _FINDEX_INFO_LEVELS {
     FindExInfoStandard,
@@ -151,7 +153,27 @@ ZOTH_API BOOL FindClose(HANDLE search);
 // per file, and a folder renamed or replaced by a link during the walk cannot redirect it.
 ZOTH_API BOOL DeleteFoundFileA(HANDLE search, LPCSTR path, LPCSTR name);
 
-// UTC to local time, with the time zone's offset at that instant.
+// The layer's own calls for tree walks that hold one search per level on the heap.
+//
+// Searches every entry of `folder` (as "*.*" does), which must itself be a folder and not a link:
+// trailing separators are ignored, and a link, whatever it points at, is ERROR_DIRECTORY.
+ZOTH_API HANDLE FindFirstFolderA(LPCSTR folder, LPWIN32_FIND_DATAA data, DWORD flags);
+// Searches every entry of the subfolder that `search` has just delivered (`path` its full path,
+// `name` its cFileName), opened inside the folder the search holds open without following a link: an
+// entry that is no longer a folder (a folder swapped for a link) is ERROR_DIRECTORY. One sub-search
+// per search at a time. To stay within the open-file limit, a deep chain of sub-searches keeps only
+// its deepest folders open: an ancestor that had to let go of its folder (its calls then fail with
+// ERROR_BUSY) takes it back when its sub-search closes, through "..", and only if it is still the
+// same folder (else ERROR_PATH_NOT_FOUND from then on). Taken back, its search starts again at ".",
+// so entries it delivered before and that are still there come again.
+ZOTH_API HANDLE FindFirstFoundFolderA(HANDLE search, LPCSTR path, LPCSTR name, LPWIN32_FIND_DATAA data,
+                                      DWORD flags);
+// RemoveDirectoryA for an empty subfolder that `search` has just delivered, found inside the folder
+// the search holds open (never through a link).
+ZOTH_API BOOL RemoveFoundDirectoryA(HANDLE search, LPCSTR path, LPCSTR name);
+
+// UTC to local time, with the time zone's offset of the present moment (as on Windows), whatever the
+// offset was at the time converted: a summer time read in winter gets the winter offset.
 ZOTH_API BOOL FileTimeToLocalFileTime(const FILETIME* utc, LPFILETIME local);
 
 #define MEM_COMMIT 0x00001000u
@@ -175,8 +197,27 @@ ZOTH_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type);
 #endif
 
 #if defined(_WIN32)
-// Windows deletes by path: the search only names the entry.
+#include <string>
+
+// Windows works by path: the search only names the entry. A folder link or junction (a reparse
+// point) is never searched; RemoveDirectoryA removes such a link itself, not what it points at.
 inline BOOL DeleteFoundFileA(HANDLE, LPCSTR path, LPCSTR) {
     return DeleteFileA(path);
+}
+inline HANDLE FindFirstFolderA(LPCSTR folder, LPWIN32_FIND_DATAA data, DWORD flags) {
+    DWORD attributes = GetFileAttributesA(folder);
+    if (attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0 ||
+        (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        SetLastError(ERROR_DIRECTORY);
+        return INVALID_HANDLE_VALUE;
+    }
+    std::string pattern = std::string(folder) + "\\*.*";
+    return FindFirstFileExA(pattern.c_str(), FindExInfoBasic, data, FindExSearchNameMatch, nullptr, flags);
+}
+inline HANDLE FindFirstFoundFolderA(HANDLE, LPCSTR path, LPCSTR, LPWIN32_FIND_DATAA data, DWORD flags) {
+    return FindFirstFolderA(path, data, flags);
+}
+inline BOOL RemoveFoundDirectoryA(HANDLE, LPCSTR path, LPCSTR) {
+    return RemoveDirectoryA(path);
 }
 #endif

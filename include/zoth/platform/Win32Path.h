@@ -18,6 +18,13 @@
 #define ZOTH_PATH_SEPARATOR_TEXT "\\"
 #define ZOTH_PATH_SEPARATOR_WIDE L"\\"
 
+// The layer's own call (see below): the full form of the path is a drive's or a share's root.
+inline BOOL PathNamesRootA(LPCSTR path) {
+    char full[MAX_PATH];
+    DWORD length = path == nullptr ? 0 : GetFullPathNameA(path, MAX_PATH, full, nullptr);
+    return length > 0 && length < MAX_PATH && PathIsRootA(full);
+}
+
 #else
 
 #define ZOTH_PATH_SEPARATOR '/'
@@ -34,6 +41,11 @@ typedef ITEMIDLIST* LPITEMIDLIST;
 typedef ITEMIDLIST* PIDLIST_ABSOLUTE;
 typedef const ITEMIDLIST* PCIDLIST_ABSOLUTE;
 typedef ITEMIDLIST* PIDLIST_RELATIVE;
+
+/// The layer's own call: TRUE when `path` names the root folder, by its text ("/", "//", "/.",
+/// "/x/..") or because it leads there (a link to "/", "." in the root). Nothing is opened. "" does not
+/// name the root.
+ZOTH_API BOOL PathNamesRootA(LPCSTR path);
 
 /// True when a file or directory exists at `path` (links are followed).
 ZOTH_API BOOL PathFileExistsA(LPCSTR path);
