@@ -300,6 +300,10 @@ TEST(FileDeletion, TreesWithAFileThatCannotBeRemoved) {
 }
 
 TEST(FileDeletion, LinksToOutsideFoldersAreNotFollowed) {
+    // The walk passes over a link there too (a reparse point), but deleting the link itself goes
+    // wrong under Wine: its DeleteFileA and RemoveDirectoryA act on a Unix link's target, where
+    // Windows removes the link.
+    if (zoth_test::UnderWine()) GTEST_SKIP() << "Wine deletes a Unix link's target, not the link";
     zoth_test::TempDir dir, outside;
     MakeDirs(outside.Path(), {"/inner"});
     Spit(outside / "precious", "keep me");

@@ -74,6 +74,9 @@ TEST(PlatformInet, CallsAgainstALoopbackServer) {
     EXPECT_TRUE(InternetCloseHandle(internet));
 }
 
+// A body cut short and odd object names through the layer's own road on Linux. On Windows the road is
+// the system's WinINet, and the Winsock test server there cannot cut a body short.
+#if !defined(_WIN32)
 namespace {
 
 // "/short" announces 3000 bytes, sends 1500 and closes; "/late" sends its head, then its body 1.5 s later.
@@ -155,11 +158,14 @@ TEST(PlatformInet, CutShortBodiesAndOddObjectNames) {
     EXPECT_TRUE(InternetCloseHandle(connect));
     EXPECT_TRUE(InternetCloseHandle(internet));
 }
+#endif // !_WIN32
 
 TEST(HttpWininet, GetAndPostOnPort80) {
     const std::string big = Payload(4096 + 1000);
     LoopbackServer server;
+#if !defined(_WIN32)
     RouteCutAndLate(server);
+#endif
     Recorder recorder(server, big);
     // Port 80 may be held for a moment by a parallel test; wait a while before giving up.
     auto until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
@@ -180,12 +186,14 @@ TEST(HttpWininet, GetAndPostOnPort80) {
         EXPECT_EQ(answer, response);
         EXPECT_EQ("GET " + std::string(path) + " [] Testing | */*", recorder.Last().Summary());
     }
-    // A body cut short: 1 with what came. Odd object names go out percent-encoded.
     std::string response = "as passed";
+#if !defined(_WIN32)
+    // A body cut short: 1 with what came. Odd object names go out percent-encoded.
     EXPECT_EQ(1, client.WininetHttpGet("127.0.0.1", "/short", response));
     EXPECT_EQ(std::string(1500, 's'), response);
     EXPECT_EQ(1, client.WininetHttpPost("127.0.0.1", "/caf\xe9 au lait", "", response));
     EXPECT_EQ("/caf%E9%20au%20lait", recorder.Last().target);
+#endif
     const std::string data("k=v\0tail", 8);
     ASSERT_EQ(1, client.WininetHttpPost("127.0.0.1", "/submit?q=1", data, response));
     EXPECT_EQ(Recorder::Answer("POST", data), response);
