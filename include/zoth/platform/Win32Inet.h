@@ -40,13 +40,13 @@ ZOTH_API HINTERNET HttpOpenRequestA(HINTERNET connect, LPCSTR verb, LPCSTR objec
 
 /// Sends the request with `headers` (CRLF-separated lines; length -1 for a C string) and `optional`
 /// bytes as the body, and waits for the answer's status line and headers. TRUE for any HTTP status;
-/// FALSE with a last error of ERROR_INTERNET_* when they did not come.
+/// FALSE with a last error of `ERROR_INTERNET_*` when they did not come.
 ZOTH_API BOOL HttpSendRequestA(HINTERNET request, LPCSTR headers, DWORD headersLength, LPVOID optional,
                                DWORD optionalLength);
 
 /// Copies the next at most `toRead` bytes of the body into `buffer`, waiting for them if need be;
 /// *read is 0 at the end. Once every byte that arrived is handed out, a broken transfer gives FALSE
-/// with a last error of ERROR_INTERNET_*.
+/// with a last error of `ERROR_INTERNET_*`.
 ZOTH_API BOOL InternetReadFile(HINTERNET file, LPVOID buffer, DWORD toRead, LPDWORD read);
 
 /// Releases a session, connection or request handle. FALSE for null or a foreign handle.
