@@ -1,6 +1,7 @@
 // Reading 1M rows of (int, real, text) through ExecQuery and the cursor, against the raw sqlite3
 // calls and POCO's Data::SQLite doing the same reads, on one file in one run; and the precise length
 // of the bounded busy wait of a blocked write.
+#include "PeakRss.h"
 #include "zoth/database/CDataBaseInfo.h"
 #include "zoth/database/CSqlLiteInternal.h"
 #include "zoth/database/CSqlLiteQueryInternal.h"
@@ -271,12 +272,5 @@ BENCHMARK(BM_BlockedWriteGivesUp)->Unit(benchmark::kMillisecond)->Iterations(10)
 
 // Peak resident memory of the whole program, after every benchmark has run.
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    std::printf("peak RSS: %.1f MiB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);
-    return 0;
+    return RunBenchmarksAndReportPeakRss(argc, argv);
 }

@@ -2,6 +2,7 @@
 // POCO's MD5Engine, Base64 against OpenSSL's EVP block calls and POCO's Base64Encoder/Decoder,
 // UTF-8 <-> UTF-16 against glibc iconv and POCO's UnicodeConverter.
 // Run: build/release/bench/bench_text_bench --benchmark_min_time=0.5
+#include "PeakRss.h"
 #include "zoth/platform/Win32Text.h"
 #include "zoth/text/STRING_UTIL.h"
 
@@ -280,12 +281,5 @@ BENCHMARK(WideToUtf8Poco)->DenseRange(0, 2);
 
 // Peak resident memory of the whole program, after every benchmark has run.
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    std::printf("peak RSS: %.1f MiB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);
-    return 0;
+    return RunBenchmarksAndReportPeakRss(argc, argv);
 }

@@ -2,6 +2,7 @@
 // curl_easy_unescape, absl::StrSplit, and POCO's URI::encode / URI::decode, StringTokenizer and
 // UUIDGenerator; and, without a peer, formatting and query parameters, to watch for regressions.
 // Run: build/release/bench/bench_url_strings --benchmark_repetitions=3 --benchmark_report_aggregates_only
+#include "PeakRss.h"
 #include "zoth/text/STRING_UTIL.h"
 
 #include <Poco/StringTokenizer.h>
@@ -238,12 +239,5 @@ BENCHMARK(StdFormatW_Zoth);
 
 // Peak resident memory of the whole program, after every benchmark has run.
 int main(int argc, char** argv) {
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    rusage usage{};
-    getrusage(RUSAGE_SELF, &usage);
-    std::printf("peak RSS: %.1f MiB\n", static_cast<double>(usage.ru_maxrss) / 1024.0);
-    return 0;
+    return RunBenchmarksAndReportPeakRss(argc, argv);
 }
