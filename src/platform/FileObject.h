@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 namespace ZOTH::platform {
 
@@ -33,6 +34,10 @@ DWORD AttributesOf(const struct stat& st);
 
 // DeleteFileA for `name` relative to the folder `dirFd` (AT_FDCWD: the working folder).
 BOOL DeleteFileAt(int dirFd, const char* name);
+
+// Splits `path` into its folder ("." for a bare name, "/" at the root) and its last component.
+// False when there is no last component to name a file by: "", a trailing separator, "." or "..".
+bool SplitPath(const std::string& path, std::string& folder, std::string& name);
 
 // True when nobody may write the file: the layer's read-only attribute.
 inline bool IsReadOnlyMode(mode_t mode) {
