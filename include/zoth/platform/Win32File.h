@@ -191,6 +191,33 @@ ZOTH_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type);
 
 #endif // _WIN32
 
+// The layer's own calls for a file that takes another's place only once it is complete (a download).
+// They exist on Windows too, where the same contract is kept with the system's calls.
+//
+// Makes a new, empty file beside `target`, open for reading and writing, and returns its handle:
+// "<up to three characters of prefix><eight hex digits>.TMP" in the target's folder. The file is
+// the process's own from creation on: made with O_CREAT | O_EXCL | O_NOFOLLOW and mode 0600 (on
+// Windows CREATE_NEW), relative to a descriptor of the folder that the handle keeps open, and never
+// opened again by its name. Earlier links in `target`'s path are followed; a link as the last
+// component is followed to the existing file it names, which is then the target. Refused with
+// INVALID_HANDLE_VALUE before anything is made: a folder, a read-only file or anything other than a
+// plain file the caller may write (ERROR_ACCESS_DENIED), a dangling link (ERROR_FILE_NOT_FOUND), a
+// missing folder (ERROR_PATH_NOT_FOUND). Write through the handle with WriteFile; end with exactly
+// one of CommitTemporaryFile or DiscardTemporaryFile, which close it (never CloseHandle).
+ZOTH_API HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix);
+
+// Puts the file in the target's place in one rename within the folder, after checking that its name
+// in the folder is still this very file (device and inode, links not followed). A replaced target
+// passes on its permission bits and, where the caller may set it, its owner; a new one gets 0666
+// less the process's umask. A target that appeared since the file was made is not replaced
+// (ERROR_ALREADY_EXISTS), nor one that is no longer a plain writable file
+// (ERROR_UNABLE_TO_REMOVE_REPLACED). On failure the file is deleted and the target stays as it was.
+// The handle is closed in every case.
+ZOTH_API BOOL CommitTemporaryFile(HANDLE file);
+
+// Deletes the file (if its name is still this file) and closes the handle.
+ZOTH_API BOOL DiscardTemporaryFile(HANDLE file);
+
 // Windows fills every search entry from the directory itself at no extra cost: no flag needed there.
 #ifndef FIND_FIRST_EX_NAME_AND_TYPE
 #define FIND_FIRST_EX_NAME_AND_TYPE 0u
