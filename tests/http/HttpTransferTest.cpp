@@ -97,11 +97,12 @@ TEST(HttpDownload, WritesOnlyCompleteAnswersAndLeavesTargetsOnFaults) {
     }
 
     EXPECT_EQ(0, client.DownloadFile(server.Url("/ok"), dir / "missing/sub/file.bin", ""));
-    EXPECT_FALSE(fs::exists(dir / "missing")); // no folder is created
+    EXPECT_FALSE(fs::exists(dir / "missing"));            // no folder is created
+    EXPECT_EQ(CURLE_WRITE_ERROR, client.GetResultCode()); // refused before any request
     // Empty arguments make no transfer and keep the last code.
     EXPECT_EQ(0, client.DownloadFile("", dir / "x.bin", ""));
     EXPECT_EQ(0, client.DownloadFile(server.Url("/ok"), "", ""));
-    EXPECT_EQ(CURLE_OK, client.GetResultCode());
+    EXPECT_EQ(CURLE_WRITE_ERROR, client.GetResultCode());
     server.Stop();
     EXPECT_EQ(0, client.DownloadFile(server.Url("/ok"), dir / "x.bin", ""));
     EXPECT_EQ(CURLE_COULDNT_CONNECT, client.GetResultCode());
