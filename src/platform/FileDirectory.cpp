@@ -3,6 +3,7 @@
 #include "platform/PathUnicode.h"
 
 #include <cerrno>
+#include <string>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -49,8 +50,11 @@ BOOL RemoveDirectoryA(LPCSTR name) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
+    // As Win32 does, "." and repeated separators are resolved in the text: "d/." removes d, and a
+    // link named with a trailing "/." is a link, never the folder it leads to.
+    const std::string path = ResolvePathText(name);
     struct stat st;
-    if (::lstat(name, &st) != 0) {
+    if (::lstat(path.c_str(), &st) != 0) {
         SetLastErrorFromErrno(errno);
         return FALSE;
     }
@@ -58,7 +62,7 @@ BOOL RemoveDirectoryA(LPCSTR name) {
         SetLastError(ERROR_DIRECTORY);
         return FALSE;
     }
-    if (::rmdir(name) != 0) {
+    if (::rmdir(path.c_str()) != 0) {
         SetLastErrorFromErrno(errno == EEXIST ? ENOTEMPTY : errno);
         return FALSE;
     }

@@ -39,6 +39,11 @@ BOOL DeleteFileAt(int dirFd, const char* name);
 // False when there is no last component to name a file by: "", a trailing separator, "." or "..".
 bool SplitPath(const std::string& path, std::string& folder, std::string& name);
 
+// `path` with "." components, repeated and trailing separators and every ".." that follows a named
+// component resolved in the text, as Win32 resolves a path before it opens anything: "lnk/." is
+// "lnk", "a/lnk/x/.." is "a/lnk". Leading ".." of a relative path stay; "" becomes ".".
+std::string ResolvePathText(const std::string& path);
+
 // True when nobody may write the file: the layer's read-only attribute.
 inline bool IsReadOnlyMode(mode_t mode) {
     return !S_ISLNK(mode) && !S_ISDIR(mode) && (mode & 0222) == 0;

@@ -114,7 +114,8 @@ ZOTH_API BOOL DeleteFileA(LPCSTR name);
 ZOTH_API BOOL CreateDirectoryA(LPCSTR name, LPSECURITY_ATTRIBUTES security);
 ZOTH_API BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES security);
 
-// Removes an empty directory.
+// Removes an empty directory (never a link to one). "." components and repeated or trailing
+// separators are resolved in the text first, as Win32 does: "d/." removes d.
 ZOTH_API BOOL RemoveDirectoryA(LPCSTR name);
 
 // Starts a search for `pattern`: a folder, a separator and a name with the wildcards * and ?, matched
@@ -155,8 +156,12 @@ ZOTH_API BOOL DeleteFoundFileA(HANDLE search, LPCSTR path, LPCSTR name);
 
 // The layer's own calls for tree walks that hold one search per level on the heap.
 //
-// Searches every entry of `folder` (as "*.*" does), which must itself be a folder and not a link:
-// trailing separators are ignored, and a link, whatever it points at, is ERROR_DIRECTORY.
+// Searches every entry of `folder` (as "*.*" does), which must itself be a folder and not a link.
+// "." components, repeated and trailing separators and a ".." after a name are resolved in the text
+// first ("lnk/." is "lnk", "a/lnk/x/.." is "a/lnk"); earlier links in the path are followed, the last
+// component is opened once without following a link, and a link there, whatever it points at, is
+// ERROR_DIRECTORY. The root folder, told by the device and inode of what was opened, is
+// ERROR_ACCESS_DENIED: a tree walk never starts there.
 ZOTH_API HANDLE FindFirstFolderA(LPCSTR folder, LPWIN32_FIND_DATAA data, DWORD flags);
 // Searches every entry of the subfolder that `search` has just delivered (`path` its full path,
 // `name` its cFileName), opened inside the folder the search holds open without following a link: an
