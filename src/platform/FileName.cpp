@@ -31,17 +31,17 @@ UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
             SetLastError(ERROR_FILENAME_EXCED_RANGE);
             return 0;
         }
-        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        // Private to the caller, as every file the layer makes: the caller sets the mode it wants.
+        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
         if (fd < 0 && errno == EEXIST) continue;
         if (fd < 0) {
             SetLastErrorFromErrno(errno == ENOENT ? ENOTDIR : errno); // a missing folder is a path error
             return 0;
         }
-        // A file made under a umask that leaves nobody a write bit would count as read-only and
-        // could neither be written nor deleted; Windows makes a plain, writable file.
+        // A umask that takes the owner's write bit would leave a read-only file, which could neither
+        // be written nor deleted; Windows makes a plain, writable file.
         struct stat made;
-        if (::fstat(fd, &made) == 0 && IsReadOnlyMode(made.st_mode))
-            ::fchmod(fd, (made.st_mode & 07777) | 0200);
+        if (::fstat(fd, &made) == 0 && IsReadOnlyMode(made.st_mode)) ::fchmod(fd, 0600);
         ::close(fd);
         std::memcpy(name, path.c_str(), path.size() + 1);
         SetLastError(ERROR_SUCCESS);
@@ -58,31 +58,50 @@ BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, DWORD flag
         SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
-    struct stat old;
-    if (::lstat(replaced, &old) != 0) {
-        SetLastErrorFromErrno(errno);
+    // Both names are looked up once, in folders held open; the owner and mode are set on the opened
+    // replacement, and it is renamed only while its name still leads to that very file.
+    std::string toFolder, toName, fromFolder, fromName;
+    if (!SplitPath(replaced, toFolder, toName) || !SplitPath(replacement, fromFolder, fromName)) {
+        SetLastError(ERROR_INVALID_PARAMETER);
         return FALSE;
     }
+    struct Descriptors {
+        int to = -1, from = -1, file = -1;
+        ~Descriptors() {
+            for (int fd : {file, from, to})
+                if (fd >= 0) ::close(fd);
+        }
+    } d;
+    auto fail = [](DWORD error) {
+        SetLastError(error);
+        return FALSE;
+    };
+    auto failErrno = [](int error) {
+        SetLastErrorFromErrno(error);
+        return FALSE;
+    };
+    d.to = ::open(toFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (d.to >= 0) d.from = ::open(fromFolder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (d.to < 0 || d.from < 0) return failErrno(errno == ENOENT ? ENOTDIR : errno);
+    struct stat old, mine, named;
+    if (::fstatat(d.to, toName.c_str(), &old, AT_SYMLINK_NOFOLLOW) != 0) return failErrno(errno);
     // Only a file or a link is replaced: never a folder, a device or a pipe.
-    if ((!S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) || IsReadOnlyMode(old.st_mode)) {
-        SetLastError(ERROR_UNABLE_TO_REMOVE_REPLACED);
-        return FALSE;
-    }
+    if ((!S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) || IsReadOnlyMode(old.st_mode))
+        return fail(ERROR_UNABLE_TO_REMOVE_REPLACED);
+    d.file = ::openat(d.from, fromName.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (d.file < 0) return failErrno(errno == ELOOP ? EACCES : errno);
+    if (::fstat(d.file, &mine) != 0 || !S_ISREG(mine.st_mode)) return fail(ERROR_ACCESS_DENIED);
     if (!S_ISLNK(old.st_mode)) {
         // The owner can be kept only by a privileged caller; the permission bits always.
-        if (::chown(replacement, old.st_uid, old.st_gid) != 0 && errno != EPERM) {
-            SetLastErrorFromErrno(errno);
-            return FALSE;
-        }
-        if (::chmod(replacement, old.st_mode & 07777) != 0) {
-            SetLastErrorFromErrno(errno);
-            return FALSE;
-        }
+        if ((old.st_uid != mine.st_uid || old.st_gid != mine.st_gid) &&
+            ::fchown(d.file, old.st_uid, old.st_gid) != 0 && errno != EPERM)
+            return failErrno(errno);
+        if (::fchmod(d.file, old.st_mode & 07777) != 0) return failErrno(errno);
     }
-    if (::rename(replacement, replaced) != 0) {
-        SetLastErrorFromErrno(errno);
-        return FALSE;
-    }
+    if (::fstatat(d.from, fromName.c_str(), &named, AT_SYMLINK_NOFOLLOW) != 0 ||
+        named.st_dev != mine.st_dev || named.st_ino != mine.st_ino)
+        return fail(ERROR_FILE_NOT_FOUND);
+    if (::renameat(d.from, fromName.c_str(), d.to, toName.c_str()) != 0) return failErrno(errno);
     SetLastError(ERROR_SUCCESS);
     return TRUE;
 }
@@ -173,13 +192,15 @@ BOOL CopyFileA(LPCSTR existing, LPCSTR target, BOOL failIfExists) {
             return FALSE;
         }
     }
-    int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (failIfExists ? O_EXCL : O_TRUNC);
+    int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (failIfExists ? O_EXCL | O_NOFOLLOW : O_TRUNC);
     int to = ::open(target, flags, 0600);
     if (to < 0) {
         SetLastErrorFromErrno(errno);
         ::close(from);
         return FALSE;
     }
+    struct stat made;
+    const bool known = ::fstat(to, &made) == 0;
     bool ok = CopyContent(from, to);
     int error = errno;
     if (ok) {
@@ -195,7 +216,11 @@ BOOL CopyFileA(LPCSTR existing, LPCSTR target, BOOL failIfExists) {
         error = errno;
     }
     if (!ok) {
-        ::unlink(target);
+        // Only the file this call made or truncated goes, never whatever took its name since.
+        struct stat named;
+        if (known && ::lstat(target, &named) == 0 && made.st_dev == named.st_dev &&
+            made.st_ino == named.st_ino)
+            ::unlink(target);
         SetLastErrorFromErrno(error);
         return FALSE;
     }

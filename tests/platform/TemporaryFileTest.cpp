@@ -159,4 +159,14 @@ TEST(TemporaryFile, NameTakenAwayIsNeverFollowed) {
     EXPECT_EQ(Slurp(target), "old");
     EXPECT_TRUE(fs::is_symlink(temp)); // left alone, as is the moved file
     EXPECT_EQ(Slurp(dir / "moved"), "new");
+
+    // ReplaceFileA keeps the same rules: a replacement that is a link is refused, and the file it
+    // leads to keeps its owner and mode.
+    EXPECT_FAILS_WITH(ReplaceFileA(target.c_str(), temp.c_str(), nullptr, 0, nullptr, nullptr), FALSE,
+                      ERROR_ACCESS_DENIED);
+    const struct stat untouched = StatOf(victim);
+    EXPECT_EQ(untouched.st_uid, before.st_uid);
+    EXPECT_EQ(untouched.st_mode, before.st_mode);
+    EXPECT_TRUE(S_ISREG(StatOf(target).st_mode));
+    EXPECT_EQ(Slurp(target), "old");
 }
