@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
 #include <array>
 #include <cmath>
 #include <filesystem>
@@ -227,5 +231,11 @@ TEST(HttpUpload, MultipartPartsInOrderThroughProxyStopAndUnreadableFile) {
     EXPECT_EQ(0, client.HttpPostFile(server.Url("/upload"), "", "", dir / "absent.txt", response));
     EXPECT_NE(CURLE_OK, client.GetResultCode());
     EXPECT_EQ("", response);
+#if !defined(_WIN32)
+    // A pipe would block the open with no writer; it is refused at once rather than waited on.
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
+    EXPECT_EQ(0, client.HttpPostFile(server.Url("/upload"), "", "", dir / "pipe", response));
+    EXPECT_EQ(CURLE_READ_ERROR, client.GetResultCode());
+#endif
     EXPECT_EQ(before, uploads.load());
 }
