@@ -171,6 +171,11 @@ ZOTH_API HANDLE FindFirstFoundFolderA(HANDLE search, LPCSTR path, LPCSTR name, L
 // RemoveDirectoryA for an empty subfolder that `search` has just delivered, found inside the folder
 // the search holds open (never through a link).
 ZOTH_API BOOL RemoveFoundDirectoryA(HANDLE search, LPCSTR path, LPCSTR name);
+// For tests only: `hook` (null for none) is called on the walking thread each time a chain of
+// sub-searches lets go of an ancestor's folder, with that folder's device and inode, so that a test
+// can change the tree at that very moment.
+ZOTH_API void ZothSetFolderParkedHookForTests(void (*hook)(unsigned long long device,
+                                                           unsigned long long inode));
 
 // UTC to local time, with the time zone's offset of the present moment (as on Windows), whatever the
 // offset was at the time converted: a summer time read in winter gets the winter offset.
