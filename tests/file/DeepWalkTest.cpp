@@ -30,6 +30,13 @@ namespace {
 
 // The folders a walk keeps open at most, as the README states.
 constexpr int kWindow = 32;
+// Under the address sanitizer, its runtime's undefined-behaviour checks test whether memory can be
+// read through a pipe of their own (two descriptors, closed at once): granted besides the window.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr int kRuntimeSpare = 2;
+#else
+constexpr int kRuntimeSpare = 0;
+#endif
 
 // top/d/d/.../d, `levels` folders below `top`, with a file "f" on every level, top included.
 void MakeDeepChain(const std::string& top, int levels) {
@@ -76,14 +83,17 @@ TEST(DeepWalkLinux, A200LevelWalkNeverHoldsMoreThan32FoldersOpen) {
     const std::string top = dir / "top";
     const int levels = 200;
     ASSERT_NO_FATAL_FAILURE(MakeDeepChain(top, levels));
-    EXPECT_EQ(InChild([&] { return AllowOnly(kWindow) ? CPathHelper::DeleteFilesFromDirectory(top) : 10; }),
-              1);
+    // Each walk runs in a child process whose limit of open files leaves room for the window only.
+    auto windowed = [&](int (*walk)(std::string)) {
+        return InChild([&] { return AllowOnly(kWindow + kRuntimeSpare) ? walk(top) : 10; });
+    };
+    EXPECT_EQ(windowed(&CPathHelper::DeleteFilesFromDirectory), 1);
     for (int level = 0; level <= levels; ++level) {
         ASSERT_TRUE(Exists(Level(top, level))) << level; // folders stay
         ASSERT_FALSE(Exists(Level(top, level) + "/f")) << level;
     }
     zoth_test::Spit(Level(top, levels) + "/f", "x");
-    EXPECT_EQ(InChild([&] { return AllowOnly(kWindow) ? CPathHelper::DeleteDirectory(top) : 10; }), 1);
+    EXPECT_EQ(windowed(&CPathHelper::DeleteDirectory), 1);
     EXPECT_FALSE(Exists(top));
 }
 
