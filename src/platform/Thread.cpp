@@ -305,7 +305,7 @@ uintptr_t _beginthreadex(void*, unsigned stack_size, unsigned (*start_address)(v
     if (stack_size != 0) pthread_attr_setstacksize(&attr, stack_size < 65536 ? 65536 : stack_size);
     int rc;
     {
-        // The thread's own id is stored before it can be cancelled.
+        // The thread's own id is stored before TerminateThread can signal it.
         std::lock_guard<std::mutex> lock(state->mutex);
         rc = pthread_create(&state->thread, &attr, ThreadMain, start);
     }

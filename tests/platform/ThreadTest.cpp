@@ -23,7 +23,7 @@ template <class Pred> bool Eventually(Pred done) {
 }
 
 // What a test thread shares with its test. `mode` picks where the thread parks: 0 waits on the gate,
-// 1 sleeps for ever, 2 spins (no cancellation point) until `release`.
+// 1 sleeps for ever, 2 spins (no call into the system) until `release`.
 struct Shared {
     int mode = 0;
     std::atomic<int> value{0};
