@@ -57,8 +57,8 @@ bool STRING_UTIL::Unicode2Utf8(const std::wstring& text, char* buffer, DWORD* si
     // One byte stays free for the terminator. A whole code point in a wider wchar_t takes 4 bytes,
     // so text of such elements may not fit 3(n+1): then false, with the buffer cleared.
     int capacity = *size - 1 > INT_MAX ? INT_MAX : static_cast<int>(*size - 1);
-    int written = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer, capacity, nullptr,
-                                      nullptr);
+    int written =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer, capacity, nullptr, nullptr);
     if (written == 0) {
         buffer[0] = '\0';
         return false; // ERROR_INSUFFICIENT_BUFFER from the platform
@@ -94,8 +94,8 @@ bool STRING_UTIL::Utf82Unicode(const std::string& text, wchar_t* buffer, DWORD* 
     // Only the units the conversion can reach are cleared; the rest of the caller's buffer stays.
     if (!Fits(n, 1, 1)) return false;
     std::wmemset(buffer, L'\0', n + 1);
-    int written = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer,
-                                      static_cast<int>(n + 1));
+    int written =
+        MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer, static_cast<int>(n + 1));
     *size = static_cast<DWORD>(written);
     buffer[written] = L'\0';
     return true;

@@ -209,7 +209,8 @@ TEST(DatabaseCursor, CopiesShareTheStatementsLife) {
     c.Exec("CREATE TABLE t(x INTEGER); INSERT INTO t VALUES(1),(2),(3);");
     const char* rows = "SELECT x FROM t ORDER BY x";
     // Fails at its second row (integer overflow), so a step of it is a failed NextRow.
-    const char* failing = "SELECT CASE WHEN x = 2 THEN abs(-9223372036854775808) ELSE x END FROM t ORDER BY rowid";
+    const char* failing =
+        "SELECT CASE WHEN x = 2 THEN abs(-9223372036854775808) ELSE x END FROM t ORDER BY rowid";
     enum Ender { kOriginalFinalizes, kCopyFinalizes, kOriginalStepFails, kCopyStepFails };
     for (Ender ender : {kOriginalFinalizes, kCopyFinalizes, kOriginalStepFails, kCopyStepFails}) {
         SCOPED_TRACE(ender);
@@ -253,7 +254,7 @@ TEST(DatabaseCursor, CopiesShareTheStatementsLife) {
     EXPECT_FALSE(survivor.Eof());
     ASSERT_TRUE(survivor.GetIntField(0, v));
     EXPECT_EQ(2, v);
-    EXPECT_EQ(0, c.db.CloseDB()); // still alive
+    EXPECT_EQ(0, c.db.CloseDB());       // still alive
     survivor = CSqlLiteQueryInternal(); // its last holder lets go
     EXPECT_TRUE(survivor.Eof());
     EXPECT_EQ(1, c.db.CloseDB());

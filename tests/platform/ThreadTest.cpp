@@ -183,8 +183,8 @@ TEST(PlatformThread, TerminateParksWaitingSleepingOrSpinningThread) {
         SetEvent(shared->gate);
         shared->release = true;
         std::this_thread::sleep_for(milliseconds(100));
-        EXPECT_EQ(shared->value.load(), 1);    // it never went past where it was
-        EXPECT_FALSE(shared->unwound.load());  // and no frame of it was unwound
+        EXPECT_EQ(shared->value.load(), 1);      // it never went past where it was
+        EXPECT_FALSE(shared->unwound.load());    // and no frame of it was unwound
         EXPECT_TRUE(TerminateThread(thread, 5)); // an ended thread: nothing more happens
         EXPECT_EQ(ExitCode(thread), 0xFFFFFFFFu);
         CloseHandle(thread);

@@ -22,7 +22,9 @@ namespace {
 
 enum Shape { kCatchAll, kNoexceptFrame, kBlockingDestructor };
 const char* Name(Shape shape) {
-    return shape == kCatchAll ? "catch (...)" : shape == kNoexceptFrame ? "noexcept frame" : "blocking destructor";
+    return shape == kCatchAll        ? "catch (...)"
+           : shape == kNoexceptFrame ? "noexcept frame"
+                                     : "blocking destructor";
 }
 
 constexpr DWORD kBodySleepMs = 1500; // well past the destructor's 500 ms

@@ -115,15 +115,18 @@ TEST(TextToolStream, Md5AndBase64OfMoreThanFourGiBFromStandardInput) {
     ASSERT_EQ(33u, digest.size());
     std::string got = Shell(source + " | (" + limit + tool + " md5 -)", status);
     EXPECT_EQ(0, status);
-    std::transform(got.begin(), got.end(), got.begin(), [](char c) { return static_cast<char>(std::tolower(c)); });
+    std::transform(got.begin(), got.end(), got.begin(),
+                   [](char c) { return static_cast<char>(std::tolower(c)); });
     EXPECT_EQ(digest.substr(0, 32) + "  -\n", got);
 
     // Encoded as by base64 -w0 (plus the line break), and decoded back to the same bytes.
     std::string expected = Shell(source + " | base64 -w0 | md5sum | cut -c1-32", status);
     ASSERT_EQ(0, status);
-    got = Shell(source + " | (" + limit + tool + " base64 encode) | head -c -1 | md5sum | cut -c1-32", status);
+    got =
+        Shell(source + " | (" + limit + tool + " base64 encode) | head -c -1 | md5sum | cut -c1-32", status);
     EXPECT_EQ(expected, got);
-    got = Shell(source + " | base64 -w0 | (" + limit + tool + " base64 decode) | md5sum | cut -c1-32", status);
+    got =
+        Shell(source + " | base64 -w0 | (" + limit + tool + " base64 decode) | md5sum | cut -c1-32", status);
     EXPECT_EQ(digest, got);
 }
 #endif

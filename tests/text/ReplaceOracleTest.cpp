@@ -13,7 +13,8 @@ namespace {
 
 // The plain algorithms, kept as the oracle. `limit` bounds the replacements, since some rules never
 // end (old "ab", new "bbaa"); false when the limit was reached.
-template <typename Str> bool OracleDistinct(Str& text, const Str& oldValue, const Str& newValue, size_t position) {
+template <typename Str>
+bool OracleDistinct(Str& text, const Str& oldValue, const Str& newValue, size_t position) {
     if (oldValue.empty()) return true;
     while ((position = text.find(oldValue, position)) != Str::npos) {
         text.replace(position, oldValue.size(), newValue);
@@ -36,7 +37,8 @@ bool OracleRepeated(Str& text, const Str& oldValue, const Str& newValue, unsigne
 
 std::string OracleUrl2Domain(const std::string& url) {
     std::string result = url;
-    OracleRepeated<std::string>(result, url.find("https") != std::string::npos ? "https://" : "http://", "", 0, -1);
+    OracleRepeated<std::string>(result, url.find("https") != std::string::npos ? "https://" : "http://", "",
+                                0, -1);
     size_t slash = result.find('/');
     if (slash != std::string::npos) result.erase(slash);
     return result;
@@ -77,7 +79,8 @@ TEST(TextReplaceOracle, SameResultsAsSearchingAgainAfterEachReplacement) {
                     }
                     std::string got = text;
                     ASSERT_EQ(expected, STRING_UTIL::ReplaceAll(got, oldValue, newValue, start))
-                        << "text " << text << " old " << oldValue << " new " << newValue << " start " << start;
+                        << "text " << text << " old " << oldValue << " new " << newValue << " start "
+                        << start;
                     if (start == 0 && text.size() % 3 == 0) { // the wide form, on a share of the cases
                         std::wstring wide = Wide(text), wideOld = Wide(oldValue), wideNew = Wide(newValue);
                         EXPECT_EQ(Wide(expected), STRING_UTIL::ReplaceAll(wide, wideOld, wideNew, start));

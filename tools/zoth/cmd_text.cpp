@@ -76,7 +76,7 @@ int DecodeStdin() {
         }
         pending += piece;
         size_t keep = pending.find_last_not_of("\r\n");
-        keep = keep == std::string::npos ? 0 : keep + 1; // up to the trailing line breaks
+        keep = keep == std::string::npos ? 0 : keep + 1;  // up to the trailing line breaks
         size_t ready = keep > 4 ? (keep - 4) / 4 * 4 : 0; // the last group waits
         if (ready == 0) continue;
         if (pending[ready - 1] == '=') return invalid(); // padding before the end
