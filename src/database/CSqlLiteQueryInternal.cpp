@@ -51,8 +51,16 @@ CSqlLiteQueryInternal& CSqlLiteQueryInternal::operator=(const CSqlLiteQueryInter
     m_bEof = other.m_bEof;
     m_nCols = other.m_nCols;
     m_bOwnStmt = other.m_bOwnStmt;
-    m_spShared = other.m_spShared; // self-assignment safe: the same pointer
+    if (m_spShared != other.m_spShared) LetGoUnfinalized();
+    m_spShared = other.m_spShared;
     return *this;
+}
+
+// Overwriting never finalizes: the caller is expected to Finalize first. When this cursor was the
+// statement's last holder, the statement stays alive (CloseDB keeps failing, as it says) rather
+// than being ended behind the caller's back.
+void CSqlLiteQueryInternal::LetGoUnfinalized() {
+    if (m_spShared != nullptr && m_spShared.use_count() == 1) m_spShared->stmt = nullptr;
 }
 
 CSqlLiteQueryInternal::~CSqlLiteQueryInternal() = default;
@@ -67,6 +75,7 @@ int CSqlLiteQueryInternal::InitSqlLiteQuery(sqlite3* db, sqlite3_stmt* stmt, boo
     if (m_spShared == nullptr || m_spShared->stmt != stmt) { // the same statement again keeps its life
         std::shared_ptr<Shared> shared(new (std::nothrow) Shared(stmt));
         if (shared == nullptr) return 0;
+        LetGoUnfinalized();
         m_spShared = std::move(shared);
     }
     m_pDb = db;

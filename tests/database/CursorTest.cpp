@@ -254,8 +254,33 @@ TEST(DatabaseCursor, CopiesShareTheStatementsLife) {
     EXPECT_FALSE(survivor.Eof());
     ASSERT_TRUE(survivor.GetIntField(0, v));
     EXPECT_EQ(2, v);
-    EXPECT_EQ(0, c.db.CloseDB());       // still alive
-    survivor = CSqlLiteQueryInternal(); // its last holder lets go
-    EXPECT_TRUE(survivor.Eof());
+    EXPECT_EQ(0, c.db.CloseDB()); // still alive
+    survivor.Finalize();
     EXPECT_EQ(1, c.db.CloseDB());
+
+    // An overwrite (assignment, or a cursor taking another statement) never finalizes what it
+    // held, even as its last holder: that statement stays alive until the caller ends it.
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open((dir / "raw.db").c_str(), &raw));
+    for (bool byAssignment : {true, false}) {
+        SCOPED_TRACE(byAssignment);
+        sqlite3_stmt* first = nullptr;
+        sqlite3_stmt* second = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(raw, "SELECT 1", -1, &first, nullptr));
+        ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(raw, "SELECT 2", -1, &second, nullptr));
+        ASSERT_EQ(SQLITE_ROW, sqlite3_step(first));
+        CSqlLiteQueryInternal cursor;
+        ASSERT_EQ(1, cursor.InitSqlLiteQuery(raw, first, false));
+        if (byAssignment) {
+            cursor = CSqlLiteQueryInternal();
+            sqlite3_finalize(second);
+        } else {
+            ASSERT_EQ(1, cursor.InitSqlLiteQuery(raw, second, false));
+            cursor.Finalize(); // ends the second statement only
+        }
+        EXPECT_EQ(first, sqlite3_next_stmt(raw, nullptr)); // alive, and the only one
+        EXPECT_EQ(nullptr, sqlite3_next_stmt(raw, first));
+        EXPECT_EQ(SQLITE_OK, sqlite3_finalize(first));
+    }
+    EXPECT_EQ(SQLITE_OK, sqlite3_close(raw));
 }

@@ -25,8 +25,8 @@ public:
     CSqlLiteQueryInternal();
     /// A copy walks the same statement (a step of one moves all) and shares its life.
     CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other);
-    /// As the copy. The statement the target held before is let go, not finalized, unless the target
-    /// was its last holder: call Finalize first to end it for every copy.
+    /// As the copy. The statement the target held before is let go and never finalized, even when
+    /// the target was its last holder (it then stays alive and CloseDB fails): call Finalize first.
     CSqlLiteQueryInternal& operator=(const CSqlLiteQueryInternal& other);
     /// Lets go of the statement; the last holder finalizes it.
     virtual ~CSqlLiteQueryInternal();
@@ -101,7 +101,8 @@ private:
     struct Shared;
     std::shared_ptr<Shared> m_spShared; // the statement's life, shared by all copies
 
-    sqlite3_stmt* Held(); // the statement while it lives, else null (and m_pStmt cleared)
+    sqlite3_stmt* Held();    // the statement while it lives, else null (and m_pStmt cleared)
+    void LetGoUnfinalized(); // before an overwrite: the last holder leaves its statement unfinalized
 };
 
 } // namespace ZOTH
