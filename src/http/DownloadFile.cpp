@@ -7,6 +7,8 @@
 #include "zoth/platform/Win32Path.h"
 
 #include "http/CurlOption.h"
+#include "http/DownloadSettings.h"
+#include "http/RetryPolicy.h"
 
 #include <cstdint>
 #include <vector>
@@ -100,7 +102,26 @@ private:
 
 } // namespace
 
-int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::string) {
+int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::string md5) {
+    http::DownloadCheck check;
+    const bool checkable =
+        http::TakeDownloadCheck(m_pSettings ? &EditDownloadSettings() : nullptr, md5, check);
+    http::RetryClock clock(DownloadSettingsOrNull());
+    for (;;) {
+        if (!checkable) {
+            // A binding md5 argument that is no MD5: refused before anything is fetched.
+            if (InitCurl() == 0) return 0;
+            m_resultCode = CURLE_BAD_FUNCTION_ARGUMENT;
+            return 0;
+        }
+        const int result = DownloadOnce(url, filePath, check);
+        if (result == 1 || url.empty() || filePath.empty()) return result;
+        if (WaitBeforeRetry(clock) <= 0) return 0;
+    }
+}
+
+int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& filePath,
+                                  const http::DownloadCheck& check) {
     if (InitCurl() == 0) return 0;
     if (url.empty() || filePath.empty()) return 0;
     BeginTransfer();
@@ -117,13 +138,15 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
         CHttpClientCurl* client;
         HANDLE file;
         uint64_t written;
-    } sink{this, temp.Handle(), 0};
+        text::StreamDigest digest;
+    } sink{this, temp.Handle(), 0, text::StreamDigest(check.kind)};
     // Each chunk goes to the temporary file as it arrives. A failed write (a full disk, a size
     // limit) ends the transfer with CURLE_WRITE_ERROR, as a stop does.
     curl_write_callback write = [](char* data, size_t size, size_t count, void* user) -> size_t {
         auto* to = static_cast<Sink*>(user);
         const size_t n = size * count; // at most libcurl's buffer size, far below 4 GiB
         if (!WriteFile(to->file, data, static_cast<DWORD>(n), nullptr, nullptr)) return 0;
+        to->digest.Update(data, n); // while the chunk is still in the cache
         to->written += n;
         to->client->m_dwTotalSize += static_cast<DWORD>(n);
         return to->client->m_bStopRequested ? 0 : n;
@@ -146,6 +169,11 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
     m_resultCode = curl_easy_getinfo(m_pCurl, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &announced);
     if (m_resultCode != CURLE_OK) return 0;
     if (static_cast<double>(sink.written) != announced) return 0;
+    // The content the caller named, or the target stays as it was.
+    if (check.kind != text::DigestKind::None && sink.digest.FinishHex() != check.hex) {
+        m_resultCode = CURLE_BAD_CONTENT_ENCODING;
+        return 0;
+    }
 
     return temp.Commit(target) ? 1 : 0;
 }
