@@ -1,5 +1,6 @@
 // Big files against their peers, time and peak memory: GetFileMd5 vs md5sum (a 256 MiB file, and a
-// 1 GiB sparse one), DownloadFile vs `curl -o` over loopback (256 MiB and 1 GiB).
+// 1 GiB sparse one), GetFileSha256 vs sha256sum (256 MiB), DownloadFile vs `curl -o` over loopback (256 MiB
+// and 1 GiB).
 //
 // Time is measured in this process for the library and around a spawned process for the peer.
 // Memory is measured in child processes: each contender runs once more in a process of its own
@@ -124,6 +125,8 @@ int RunChild(int argc, char** argv) {
     long growth = -1;
     if (what == "md5" && argc == 4) {
         growth = PeakGrowthKiB([&] { ok = ZOTH::CFileHepler::GetFileMd5(argv[3], "").size() == 32; });
+    } else if (what == "sha256" && argc == 4) {
+        growth = PeakGrowthKiB([&] { ok = ZOTH::CFileHepler::GetFileSha256(argv[3]).size() == 64; });
     } else if (what == "download" && argc == 5) {
         ZOTH::CHttpClientCurl client;
         growth = PeakGrowthKiB([&] { ok = client.DownloadFile(argv[3], argv[4], "") == 1; });
@@ -202,6 +205,39 @@ BENCHMARK(BM_md5sum)
     ->ArgNames({"MiB", "sparse"})
     ->Args({256, 0})
     ->Args({1024, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+
+// Argument: size in MiB (a file of random bytes).
+void BM_GetFileSha256(benchmark::State& state) {
+    const std::string path = RandomFile(static_cast<uint64_t>(state.range(0)));
+    for (auto _ : state) {
+        std::string sha = ZOTH::CFileHepler::GetFileSha256(path);
+        if (sha.size() != 64) state.SkipWithError("no digest");
+        benchmark::DoNotOptimize(sha);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0) * int64_t{1 << 20});
+    ReportChild(state, MeasureSelf({"sha256", path}), true);
+}
+
+void BM_sha256sum(benchmark::State& state) {
+    const std::string path = RandomFile(static_cast<uint64_t>(state.range(0)));
+    for (auto _ : state)
+        if (!Spawn({"sha256sum", path}).ok) state.SkipWithError("sha256sum failed");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0) * int64_t{1 << 20});
+    ReportChild(state, Measure({"sha256sum", path}), false);
+}
+
+BENCHMARK(BM_GetFileSha256)
+    ->ArgName("MiB")
+    ->Arg(256)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+BENCHMARK(BM_sha256sum)
+    ->ArgName("MiB")
+    ->Arg(256)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(5);
