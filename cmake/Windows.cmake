@@ -6,7 +6,8 @@
 #   makes: libcurl-x64.dll and sqlite3.dll are then loaded on the first call that needs them, so the
 #   DLL loads and serves everything else where they are absent. Their headers are the Linux ones,
 #   which are the same on both systems, seen through a folder that holds nothing else.
-# - The platform layer (src/platform) is not built: on Windows its calls are the system's own.
+# - The platform layer (src/platform) is not built: on Windows its calls are the system's own, apart
+#   from the few calls of its own that Windows lacks (the *Windows.cpp sources).
 # - The DLL is ZOTHCommonDll.dll with the import library libZOTHCommonDll.dll.a; programs and DLLs go
 #   to bin/ together with the MinGW runtime DLLs they need, so bin/ runs as it is (under Wine too).
 # - Warnings: the ordinary flags plus -Wpedantic, so the sources stay buildable by other compilers.
@@ -23,6 +24,9 @@ set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
 file(GLOB_RECURSE _zoth_platform_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/platform/*.cpp)
 set_source_files_properties(${_zoth_platform_sources} PROPERTIES HEADER_FILE_ONLY ON)
+# ... except the calls of the layer's own that Windows does not have.
+set_source_files_properties(${PROJECT_SOURCE_DIR}/src/platform/FileTemporaryWindows.cpp
+  PROPERTIES HEADER_FILE_ONLY OFF)
 
 # libcurl's and SQLite's headers, and nothing else from /usr/include.
 find_path(ZOTH_CURL_HEADER_DIR curl/curl.h PATHS /usr/include /usr/include/${CMAKE_LIBRARY_ARCHITECTURE}

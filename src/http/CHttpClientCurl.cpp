@@ -69,11 +69,8 @@ CHttpClientCurl::~CHttpClientCurl() {
 
 int CHttpClientCurl::InitCurl() {
     if (!s_bCurlGlobalInitDone.exchange(true)) curl_global_init(CURL_GLOBAL_ALL);
-    if (m_pCurl != nullptr) {
-        curl_easy_cleanup(m_pCurl);
-        m_pCurl = nullptr;
-    }
-    m_pCurl = curl_easy_init();
+    http::ReleaseEasyHandle(m_pCurl);
+    m_pCurl = http::NewEasyHandle();
     if (m_pCurl == nullptr) return 0;
     if (m_pHeaderList != nullptr) {
         curl_slist_free_all(m_pHeaderList);
@@ -83,10 +80,8 @@ int CHttpClientCurl::InitCurl() {
 }
 
 void CHttpClientCurl::Clear() {
-    if (m_pCurl != nullptr) {
-        curl_easy_cleanup(m_pCurl);
-        m_pCurl = nullptr;
-    }
+    http::ReleaseEasyHandle(m_pCurl);
+    m_pCurl = nullptr;
     if (m_pHeaderList != nullptr) {
         curl_slist_free_all(m_pHeaderList);
         m_pHeaderList = nullptr;

@@ -1,6 +1,10 @@
-// The process-wide libcurl share and its locks.
+// The process-wide libcurl share and its locks, made again in a forked child.
 #include "http/CurlShare.h"
 
+#include "zoth/platform/Win32Thread.h"
+
+#include <atomic>
+#include <cstdint>
 #include <mutex>
 
 namespace ZOTH::http {
@@ -9,6 +13,7 @@ namespace {
 
 struct Share {
     CURLSH* handle = nullptr;
+    unsigned int generation = 0;           // the fork generation it was made in
     std::mutex locks[CURL_LOCK_DATA_LAST]; // one per kind of data, as libcurl asks
 };
 
@@ -22,9 +27,9 @@ void UnlockData(CURL*, curl_lock_data data, void* user) {
     static_cast<Share*>(user)->locks[data].unlock();
 }
 
-Share* MakeShare() {
-    // Deliberately never deleted: the process's last transfers may run beside static destructors.
+Share* MakeShare(unsigned int generation) {
     auto* share = new Share;
+    share->generation = generation;
     CURLSH* handle = curl_share_init();
     if (handle == nullptr) return share;
     const bool ready =
@@ -42,11 +47,43 @@ Share* MakeShare() {
     return share;
 }
 
+// The share of this process. Deliberately never deleted: the process's last transfers may run
+// beside static destructors, and one inherited from a parent holds the parent's sockets, which a
+// cleanup would close (a TLS one with a shutdown message the parent's stream would then carry).
+std::atomic<Share*> g_share{nullptr};
+
 } // namespace
 
 CURLSH* ProcessShare() {
-    static Share* const share = MakeShare(); // made once, even when threads race to the first call
+    const unsigned int generation = GetForkGeneration();
+    Share* share = g_share.load(std::memory_order_acquire);
+    while (share == nullptr || share->generation != generation) {
+        Share* made = MakeShare(generation);
+        if (g_share.compare_exchange_strong(share, made, std::memory_order_acq_rel)) return made->handle;
+        // Another thread installed one first: ours was never used. `share` now holds theirs.
+        if (made->handle != nullptr) curl_share_cleanup(made->handle);
+        delete made;
+    }
     return share->handle;
+}
+
+CURL* NewEasyHandle() {
+    CURL* handle = curl_easy_init();
+    if (handle != nullptr) {
+        // The generation rides in the handle, so that a child can tell one it inherited.
+        const uintptr_t generation = GetForkGeneration();
+        curl_easy_setopt(handle, CURLOPT_PRIVATE, reinterpret_cast<void*>(generation));
+    }
+    return handle;
+}
+
+void ReleaseEasyHandle(CURL* handle) {
+    if (handle == nullptr) return;
+    void* made = nullptr;
+    curl_easy_getinfo(handle, CURLINFO_PRIVATE, &made);
+    // An easy handle from before a fork may hold one of the parent's connections and refers to the
+    // parent's share: the child lets it be rather than close what the parent still uses.
+    if (reinterpret_cast<uintptr_t>(made) == GetForkGeneration()) curl_easy_cleanup(handle);
 }
 
 } // namespace ZOTH::http

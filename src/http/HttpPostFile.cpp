@@ -2,6 +2,8 @@
 
 #include "zoth/http/CHttpClientCurl.h"
 
+#include "zoth/platform/Win32File.h"
+
 #include "http/CurlOption.h"
 
 namespace ZOTH {
@@ -26,6 +28,18 @@ int CHttpClientCurl::HttpPostFile(std::string url, std::string proxy, std::strin
     if (!SetCurlOption(m_pCurl, m_resultCode, CURLOPT_POST, 1L) ||
         !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_POSTFIELDS, postData.c_str()))
         return 0;
+
+    // libcurl opens the file by name once the transfer runs, and opening a pipe waits for a writer
+    // where neither Stop() nor the timeout reaches it. Only a file that opens at once (the layer
+    // refuses pipes and sockets, and never waits on one) is handed on; anything else fails here,
+    // as a file libcurl cannot read fails the transfer.
+    HANDLE file = CreateFileA(filePath.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
+                              OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) {
+        m_resultCode = CURLE_READ_ERROR;
+        return 0;
+    }
+    CloseHandle(file);
 
     curl_httppost* first = nullptr;
     curl_httppost* last = nullptr;

@@ -1,14 +1,11 @@
 // Files on POSIX behind the Win32 file calls: open with a creation disposition, read, write, seek,
-// size, times, copy, delete, and directory creation and removal.
+// size and times, and the errno and time translations the other file sources share.
 #include "platform/FileObject.h"
-#include "platform/PathUnicode.h"
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -95,6 +92,13 @@ DWORD AttributesOf(const struct stat& st) {
     if (S_ISDIR(st.st_mode)) attributes |= FILE_ATTRIBUTE_DIRECTORY;
     if (IsReadOnlyMode(st.st_mode)) attributes |= FILE_ATTRIBUTE_READONLY;
     return attributes == 0 ? FILE_ATTRIBUTE_NORMAL : attributes;
+}
+
+bool SplitPath(const std::string& path, std::string& folder, std::string& name) {
+    const size_t slash = path.rfind('/');
+    folder = slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+    name = slash == std::string::npos ? path : path.substr(slash + 1);
+    return !name.empty() && name != "." && name != "..";
 }
 
 // The status check is made at the same place as the unlink (the same folder descriptor), so a walk
@@ -326,45 +330,6 @@ BOOL GetFileSizeEx(HANDLE file, PLARGE_INTEGER size) {
     return TRUE;
 }
 
-UINT GetTempFileNameA(LPCSTR folder, LPCSTR prefix, UINT unique, LPSTR name) {
-    if (folder == nullptr || prefix == nullptr || name == nullptr || unique != 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return 0;
-    }
-    // Windows takes at most three characters of the prefix.
-    const std::string base = std::string(folder) + "/" + std::string(prefix).substr(0, 3);
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        uint32_t number = 0;
-        if (::getrandom(&number, sizeof number, 0) != sizeof number)
-            number = static_cast<uint32_t>(::clock()) ^ static_cast<uint32_t>(::getpid()) << 16;
-        if (number == 0) continue;
-        char digits[16];
-        std::snprintf(digits, sizeof digits, "%08X.TMP", number);
-        const std::string path = base + digits;
-        if (path.size() >= MAX_PATH) {
-            SetLastError(ERROR_FILENAME_EXCED_RANGE);
-            return 0;
-        }
-        int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-        if (fd < 0 && errno == EEXIST) continue;
-        if (fd < 0) {
-            SetLastErrorFromErrno(errno == ENOENT ? ENOTDIR : errno); // a missing folder is a path error
-            return 0;
-        }
-        // A file made under a umask that leaves nobody a write bit would count as read-only and
-        // could neither be written nor deleted; Windows makes a plain, writable file.
-        struct stat made;
-        if (::fstat(fd, &made) == 0 && IsReadOnlyMode(made.st_mode))
-            ::fchmod(fd, (made.st_mode & 07777) | 0200);
-        ::close(fd);
-        std::memcpy(name, path.c_str(), path.size() + 1);
-        SetLastError(ERROR_SUCCESS);
-        return number;
-    }
-    SetLastError(ERROR_FILE_EXISTS);
-    return 0;
-}
-
 DWORD GetFinalPathNameByHandleA(HANDLE file, LPSTR path, DWORD size, DWORD flags) {
     FileObject* object = FileOf(file);
     if (object == nullptr) return 0;
@@ -387,70 +352,6 @@ DWORD GetFinalPathNameByHandleA(HANDLE file, LPSTR path, DWORD size, DWORD flags
     return length;
 }
 
-BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, DWORD flags, LPVOID exclude,
-                  LPVOID reserved) {
-    if (replaced == nullptr || replacement == nullptr || backup != nullptr || flags != 0 ||
-        exclude != nullptr || reserved != nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    struct stat old;
-    if (::lstat(replaced, &old) != 0) {
-        SetLastErrorFromErrno(errno);
-        return FALSE;
-    }
-    // Only a file or a link is replaced: never a folder, a device or a pipe.
-    if ((!S_ISREG(old.st_mode) && !S_ISLNK(old.st_mode)) || IsReadOnlyMode(old.st_mode)) {
-        SetLastError(ERROR_UNABLE_TO_REMOVE_REPLACED);
-        return FALSE;
-    }
-    if (!S_ISLNK(old.st_mode)) {
-        // The owner can be kept only by a privileged caller; the permission bits always.
-        if (::chown(replacement, old.st_uid, old.st_gid) != 0 && errno != EPERM) {
-            SetLastErrorFromErrno(errno);
-            return FALSE;
-        }
-        if (::chmod(replacement, old.st_mode & 07777) != 0) {
-            SetLastErrorFromErrno(errno);
-            return FALSE;
-        }
-    }
-    if (::rename(replacement, replaced) != 0) {
-        SetLastErrorFromErrno(errno);
-        return FALSE;
-    }
-    SetLastError(ERROR_SUCCESS);
-    return TRUE;
-}
-
-BOOL MoveFileExA(LPCSTR existing, LPCSTR target, DWORD flags) {
-    if (existing == nullptr || target == nullptr || (flags & ~MOVEFILE_REPLACE_EXISTING) != 0) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    int done;
-    if (flags & MOVEFILE_REPLACE_EXISTING) {
-        done = ::rename(existing, target);
-    } else {
-        done = ::renameat2(AT_FDCWD, existing, AT_FDCWD, target, RENAME_NOREPLACE);
-        // A file system without the no-replace rename: a new link fails on an existing name too.
-        if (done != 0 && errno == EINVAL) {
-            done = ::link(existing, target);
-            if (done == 0) ::unlink(existing);
-        }
-    }
-    if (done != 0) {
-        const int error = errno;
-        if (error == EEXIST)
-            SetLastError(ERROR_ALREADY_EXISTS);
-        else
-            SetLastErrorFromErrno(error);
-        return FALSE;
-    }
-    SetLastError(ERROR_SUCCESS);
-    return TRUE;
-}
-
 BOOL GetFileTime(HANDLE file, LPFILETIME creation, LPFILETIME lastAccess, LPFILETIME lastWrite) {
     FileObject* object = FileOf(file);
     if (object == nullptr) return FALSE;
@@ -465,150 +366,6 @@ BOOL GetFileTime(HANDLE file, LPFILETIME creation, LPFILETIME lastAccess, LPFILE
     }
     if (lastAccess != nullptr) *lastAccess = FileTimeFromUnix(sx.stx_atime.tv_sec, sx.stx_atime.tv_nsec);
     if (lastWrite != nullptr) *lastWrite = FileTimeFromUnix(sx.stx_mtime.tv_sec, sx.stx_mtime.tv_nsec);
-    return TRUE;
-}
-
-namespace {
-
-// Moves the whole content of `from` to `to`, in the kernel where it can.
-bool CopyContent(int from, int to) {
-    for (;;) {
-        ssize_t n = ::copy_file_range(from, nullptr, to, nullptr, 1 << 30, 0);
-        if (n == 0) return true;
-        if (n > 0) continue;
-        if (errno == EINTR) continue;
-        if (errno != EXDEV && errno != ENOSYS && errno != EINVAL && errno != EOPNOTSUPP) return false;
-        break; // fall back to plain reads and writes
-    }
-    char buffer[1 << 16];
-    for (;;) {
-        ssize_t n = ::read(from, buffer, sizeof buffer);
-        if (n < 0 && errno == EINTR) continue;
-        if (n < 0) return false;
-        if (n == 0) return true;
-        for (ssize_t done = 0; done < n;) {
-            ssize_t w = ::write(to, buffer + done, static_cast<size_t>(n - done));
-            if (w < 0 && errno == EINTR) continue;
-            if (w < 0) return false;
-            done += w;
-        }
-    }
-}
-
-} // namespace
-
-BOOL CopyFileA(LPCSTR existing, LPCSTR target, BOOL failIfExists) {
-    if (existing == nullptr || target == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    int from = ::open(existing, O_RDONLY | O_CLOEXEC | O_NONBLOCK);
-    if (from < 0) {
-        SetLastErrorFromErrno(errno);
-        return FALSE;
-    }
-    struct stat st;
-    if (::fstat(from, &st) != 0 || !S_ISREG(st.st_mode)) { // no folders, pipes or devices
-        SetLastError(ERROR_ACCESS_DENIED);
-        ::close(from);
-        return FALSE;
-    }
-    struct stat old;
-    if (!failIfExists && ::stat(target, &old) == 0) {
-        if (IsReadOnlyMode(old.st_mode) || S_ISDIR(old.st_mode)) {
-            SetLastError(ERROR_ACCESS_DENIED);
-            ::close(from);
-            return FALSE;
-        }
-        if (old.st_dev == st.st_dev && old.st_ino == st.st_ino) {
-            SetLastError(ERROR_SHARING_VIOLATION); // copying a file onto itself would empty it
-            ::close(from);
-            return FALSE;
-        }
-    }
-    int flags = O_WRONLY | O_CREAT | O_CLOEXEC | (failIfExists ? O_EXCL : O_TRUNC);
-    int to = ::open(target, flags, 0600);
-    if (to < 0) {
-        SetLastErrorFromErrno(errno);
-        ::close(from);
-        return FALSE;
-    }
-    bool ok = CopyContent(from, to);
-    int error = errno;
-    if (ok) {
-        // The copy takes the source's permission bits (so a read-only source gives a read-only copy)
-        // and its last write time.
-        struct timespec times[2] = {st.st_atim, st.st_mtim};
-        ok = ::fchmod(to, st.st_mode & 07777) == 0 && ::futimens(to, times) == 0;
-        error = errno;
-    }
-    ::close(from);
-    if (::close(to) != 0 && ok) {
-        ok = false;
-        error = errno;
-    }
-    if (!ok) {
-        ::unlink(target);
-        SetLastErrorFromErrno(error);
-        return FALSE;
-    }
-    SetLastError(ERROR_SUCCESS);
-    return TRUE;
-}
-
-BOOL DeleteFileA(LPCSTR name) {
-    if (name == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    return ZOTH::platform::DeleteFileAt(AT_FDCWD, name);
-}
-
-BOOL CreateDirectoryA(LPCSTR name, LPSECURITY_ATTRIBUTES) {
-    if (name == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    if (::mkdir(name, 0777) != 0) {
-        int error = errno;
-        if (error == EEXIST)
-            SetLastError(ERROR_ALREADY_EXISTS);
-        else if (error == ENOENT)
-            SetLastError(ERROR_PATH_NOT_FOUND);
-        else
-            SetLastErrorFromErrno(error);
-        return FALSE;
-    }
-    return TRUE;
-}
-
-BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES security) {
-    std::string narrow;
-    if (!Utf16ToUtf8(name, narrow)) {
-        SetLastError(name == nullptr ? ERROR_INVALID_PARAMETER : ERROR_INVALID_NAME);
-        return FALSE;
-    }
-    return CreateDirectoryA(narrow.c_str(), security);
-}
-
-BOOL RemoveDirectoryA(LPCSTR name) {
-    if (name == nullptr) {
-        SetLastError(ERROR_INVALID_PARAMETER);
-        return FALSE;
-    }
-    struct stat st;
-    if (::lstat(name, &st) != 0) {
-        SetLastErrorFromErrno(errno);
-        return FALSE;
-    }
-    if (!S_ISDIR(st.st_mode)) {
-        SetLastError(ERROR_DIRECTORY);
-        return FALSE;
-    }
-    if (::rmdir(name) != 0) {
-        SetLastErrorFromErrno(errno == EEXIST ? ENOTEMPTY : errno);
-        return FALSE;
-    }
     return TRUE;
 }
 

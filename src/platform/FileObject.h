@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <ctime>
+#include <string>
 
 namespace ZOTH::platform {
 
@@ -33,6 +34,15 @@ DWORD AttributesOf(const struct stat& st);
 
 // DeleteFileA for `name` relative to the folder `dirFd` (AT_FDCWD: the working folder).
 BOOL DeleteFileAt(int dirFd, const char* name);
+
+// Splits `path` into its folder ("." for a bare name, "/" at the root) and its last component.
+// False when there is no last component to name a file by: "", a trailing separator, "." or "..".
+bool SplitPath(const std::string& path, std::string& folder, std::string& name);
+
+// `path` with "." components, repeated and trailing separators and every ".." that follows a named
+// component resolved in the text, as Win32 resolves a path before it opens anything: "lnk/." is
+// "lnk", "a/lnk/x/.." is "a/lnk". Leading ".." of a relative path stay; "" becomes ".".
+std::string ResolvePathText(const std::string& path);
 
 // True when nobody may write the file: the layer's read-only attribute.
 inline bool IsReadOnlyMode(mode_t mode) {

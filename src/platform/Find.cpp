@@ -354,13 +354,20 @@ HANDLE FindFirstFolderA(LPCSTR folder, LPWIN32_FIND_DATAA data, DWORD flags) {
         SetLastError(ERROR_INVALID_PARAMETER);
         return INVALID_HANDLE_VALUE;
     }
-    // A trailing separator would make the system follow a link named as the folder.
-    std::string path(folder);
-    while (path.size() > 1 && path.back() == '/')
-        path.pop_back();
+    // Resolved in the text first, so that the last component is a name ("lnk/." would otherwise
+    // open the folder a link leads to). That component is then opened once, without following a
+    // link, and every check is made on what was opened: a name swapped meanwhile changes nothing.
+    const std::string path = ResolvePathText(folder);
     int fd = ::open(path.c_str(), kFolderFlags);
     if (fd < 0) {
         SetFolderError(errno);
+        return INVALID_HANDLE_VALUE;
+    }
+    struct stat opened, root;
+    if (::fstat(fd, &opened) != 0 || ::stat("/", &root) != 0 ||
+        (opened.st_dev == root.st_dev && opened.st_ino == root.st_ino)) {
+        ::close(fd);
+        SetLastError(ERROR_ACCESS_DENIED);
         return INVALID_HANDLE_VALUE;
     }
     FindObject* search = SearchFolder(fd, data, flags);

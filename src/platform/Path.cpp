@@ -109,6 +109,16 @@ template <class C> BOOL RemoveFileSpec(C* path) {
 
 } // namespace
 
+namespace ZOTH::platform {
+
+std::string ResolvePathText(const std::string& path) {
+    std::string resolved = Canonical(path);
+    if (resolved.size() > 1 && resolved.back() == '/') resolved.pop_back();
+    return resolved;
+}
+
+} // namespace ZOTH::platform
+
 // By text first, then by identity: stat follows the whole path, links included, and opens nothing.
 BOOL PathNamesRootA(LPCSTR path) {
     if (path == nullptr || path[0] == '\0') return FALSE;

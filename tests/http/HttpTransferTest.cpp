@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#if !defined(_WIN32)
+#include <sys/stat.h>
+#endif
+
 #include <array>
 #include <cmath>
 #include <filesystem>
@@ -97,11 +101,12 @@ TEST(HttpDownload, WritesOnlyCompleteAnswersAndLeavesTargetsOnFaults) {
     }
 
     EXPECT_EQ(0, client.DownloadFile(server.Url("/ok"), dir / "missing/sub/file.bin", ""));
-    EXPECT_FALSE(fs::exists(dir / "missing")); // no folder is created
+    EXPECT_FALSE(fs::exists(dir / "missing"));            // no folder is created
+    EXPECT_EQ(CURLE_WRITE_ERROR, client.GetResultCode()); // refused before any request
     // Empty arguments make no transfer and keep the last code.
     EXPECT_EQ(0, client.DownloadFile("", dir / "x.bin", ""));
     EXPECT_EQ(0, client.DownloadFile(server.Url("/ok"), "", ""));
-    EXPECT_EQ(CURLE_OK, client.GetResultCode());
+    EXPECT_EQ(CURLE_WRITE_ERROR, client.GetResultCode());
     server.Stop();
     EXPECT_EQ(0, client.DownloadFile(server.Url("/ok"), dir / "x.bin", ""));
     EXPECT_EQ(CURLE_COULDNT_CONNECT, client.GetResultCode());
@@ -226,5 +231,11 @@ TEST(HttpUpload, MultipartPartsInOrderThroughProxyStopAndUnreadableFile) {
     EXPECT_EQ(0, client.HttpPostFile(server.Url("/upload"), "", "", dir / "absent.txt", response));
     EXPECT_NE(CURLE_OK, client.GetResultCode());
     EXPECT_EQ("", response);
+#if !defined(_WIN32)
+    // A pipe would block the open with no writer; it is refused at once rather than waited on.
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
+    EXPECT_EQ(0, client.HttpPostFile(server.Url("/upload"), "", "", dir / "pipe", response));
+    EXPECT_EQ(CURLE_READ_ERROR, client.GetResultCode());
+#endif
     EXPECT_EQ(before, uploads.load());
 }

@@ -114,7 +114,8 @@ ZOTH_API BOOL DeleteFileA(LPCSTR name);
 ZOTH_API BOOL CreateDirectoryA(LPCSTR name, LPSECURITY_ATTRIBUTES security);
 ZOTH_API BOOL CreateDirectoryW(LPCWSTR name, LPSECURITY_ATTRIBUTES security);
 
-// Removes an empty directory.
+// Removes an empty directory (never a link to one). "." components and repeated or trailing
+// separators are resolved in the text first, as Win32 does: "d/." removes d.
 ZOTH_API BOOL RemoveDirectoryA(LPCSTR name);
 
 // Starts a search for `pattern`: a folder, a separator and a name with the wildcards * and ?, matched
@@ -155,8 +156,12 @@ ZOTH_API BOOL DeleteFoundFileA(HANDLE search, LPCSTR path, LPCSTR name);
 
 // The layer's own calls for tree walks that hold one search per level on the heap.
 //
-// Searches every entry of `folder` (as "*.*" does), which must itself be a folder and not a link:
-// trailing separators are ignored, and a link, whatever it points at, is ERROR_DIRECTORY.
+// Searches every entry of `folder` (as "*.*" does), which must itself be a folder and not a link.
+// "." components, repeated and trailing separators and a ".." after a name are resolved in the text
+// first ("lnk/." is "lnk", "a/lnk/x/.." is "a/lnk"); earlier links in the path are followed, the last
+// component is opened once without following a link, and a link there, whatever it points at, is
+// ERROR_DIRECTORY. The root folder, told by the device and inode of what was opened, is
+// ERROR_ACCESS_DENIED: a tree walk never starts there.
 ZOTH_API HANDLE FindFirstFolderA(LPCSTR folder, LPWIN32_FIND_DATAA data, DWORD flags);
 // Searches every entry of the subfolder that `search` has just delivered (`path` its full path,
 // `name` its cFileName), opened inside the folder the search holds open without following a link: an
@@ -190,6 +195,33 @@ ZOTH_API LPVOID VirtualAlloc(LPVOID address, SIZE_T size, DWORD type, DWORD prot
 ZOTH_API BOOL VirtualFree(LPVOID address, SIZE_T size, DWORD type);
 
 #endif // _WIN32
+
+// The layer's own calls for a file that takes another's place only once it is complete (a download).
+// They exist on Windows too, where the same contract is kept with the system's calls.
+//
+// Makes a new, empty file beside `target`, open for reading and writing, and returns its handle:
+// "<up to three characters of prefix><eight hex digits>.TMP" in the target's folder. The file is
+// the process's own from creation on: made with O_CREAT | O_EXCL | O_NOFOLLOW and mode 0600 (on
+// Windows CREATE_NEW), relative to a descriptor of the folder that the handle keeps open, and never
+// opened again by its name. Earlier links in `target`'s path are followed; a link as the last
+// component is followed to the existing file it names, which is then the target. Refused with
+// INVALID_HANDLE_VALUE before anything is made: a folder, a read-only file or anything other than a
+// plain file the caller may write (ERROR_ACCESS_DENIED), a dangling link (ERROR_FILE_NOT_FOUND), a
+// missing folder (ERROR_PATH_NOT_FOUND). Write through the handle with WriteFile; end with exactly
+// one of CommitTemporaryFile or DiscardTemporaryFile, which close it (never CloseHandle).
+ZOTH_API HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix);
+
+// Puts the file in the target's place in one rename within the folder, after checking that its name
+// in the folder is still this very file (device and inode, links not followed). A replaced target
+// passes on its permission bits and, where the caller may set it, its owner; a new one gets 0666
+// less the process's umask. A target that appeared since the file was made is not replaced
+// (ERROR_ALREADY_EXISTS), nor one that is no longer a plain writable file
+// (ERROR_UNABLE_TO_REMOVE_REPLACED). On failure the file is deleted and the target stays as it was.
+// The handle is closed in every case.
+ZOTH_API BOOL CommitTemporaryFile(HANDLE file);
+
+// Deletes the file (if its name is still this file) and closes the handle.
+ZOTH_API BOOL DiscardTemporaryFile(HANDLE file);
 
 // Windows fills every search entry from the directory itself at no extra cost: no flag needed there.
 #ifndef FIND_FIRST_EX_NAME_AND_TYPE

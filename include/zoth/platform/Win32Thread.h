@@ -66,3 +66,16 @@ ZOTH_API void LeaveCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 ZOTH_API void DeleteCriticalSection(LPCRITICAL_SECTION lpCriticalSection);
 
 #endif // _WIN32
+
+/// The layer's own call: how many forks lie between this process and the first process of its line,
+/// counted at each fork in the child (0 in a process that was not forked, and always 0 on Windows,
+/// which does not fork). Process-wide state made under one count and found under another was
+/// inherited from a parent: the child must leave it alone (its sockets are the parent's too) and make
+/// its own.
+#if defined(_WIN32)
+inline unsigned int GetForkGeneration() {
+    return 0;
+}
+#else
+ZOTH_API unsigned int GetForkGeneration();
+#endif
