@@ -99,10 +99,22 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
         return 0;
     }
 
-    const BOOL placed = CommitTemporaryFile(temp); // closes it, placed or not
+    // Durable: the data reaches the disk before the rename and the folder's entry after it, so that
+    // after a crash the target is the old file or the whole new one. A folder flush that fails after
+    // the rename still leaves the new file in place: the result stays 1.
+    const bool durable = DownloadSettingsOrNull() == nullptr || DownloadSettingsOrNull()->durable;
+    if (durable && !FlushFileBuffers(temp)) {
+        m_resultCode = CURLE_WRITE_ERROR;
+        return 0;
+    }
+    const BOOL placed = CommitTemporaryFileEx(temp, durable ? MOVEFILE_WRITE_THROUGH : 0); // closes it
     temp = INVALID_HANDLE_VALUE;
     if (!placed) m_resultCode = CURLE_WRITE_ERROR;
     return placed ? 1 : 0;
+}
+
+void CHttpClientCurl::SetDownloadDurable(bool durable) {
+    EditDownloadSettings().durable = durable;
 }
 
 int CHttpClientCurl::CheckFileMd5(std::string filePath, std::string) {

@@ -200,12 +200,25 @@ HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix) {
 }
 
 BOOL CommitTemporaryFile(HANDLE handle) {
+    return CommitTemporaryFileEx(handle, 0);
+}
+
+BOOL CommitTemporaryFileEx(HANDLE handle, DWORD flags) {
     TemporaryFile* file = AsTemporaryFile(handle);
     if (file == nullptr) return FALSE;
-    const bool placed = Place(*file);
-    const DWORD error = GetLastError();
+    bool placed = false;
+    if ((flags & ~MOVEFILE_WRITE_THROUGH) != 0)
+        SetLastError(ERROR_INVALID_PARAMETER);
+    else
+        placed = Place(*file);
+    DWORD error = GetLastError();
+    // The rename is in the folder's entries: they reach the disk with the folder's own flush.
+    if (placed && (flags & MOVEFILE_WRITE_THROUGH) != 0 && ::fsync(file->folder) != 0) {
+        SetLastErrorFromErrno(errno);
+        error = GetLastError();
+    }
     delete file; // deletes the file unless it took the target's place
-    SetLastError(placed ? ERROR_SUCCESS : error);
+    SetLastError(error);
     return placed ? TRUE : FALSE;
 }
 

@@ -130,6 +130,10 @@ HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix) {
 }
 
 BOOL CommitTemporaryFile(HANDLE file) {
+    return CommitTemporaryFileEx(file, 0);
+}
+
+BOOL CommitTemporaryFileEx(HANDLE file, DWORD flags) {
     Pending pending;
     if (!TakePending(file, pending)) {
         SetLastError(ERROR_INVALID_HANDLE);
@@ -145,9 +149,15 @@ BOOL CommitTemporaryFile(HANDLE file) {
                (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0) {
         placed = false;
         error = ERROR_UNABLE_TO_REMOVE_REPLACED;
+    } else if ((flags & ~MOVEFILE_WRITE_THROUGH) != 0) {
+        placed = false;
+        error = ERROR_INVALID_PARAMETER;
     } else {
         placed = RenameByHandle(file, pending.target, attributes != INVALID_FILE_ATTRIBUTES);
         error = placed ? ERROR_SUCCESS : GetLastError();
+        // The rename is metadata of the file: flushing its handle after the rename writes it through
+        // (what MOVEFILE_WRITE_THROUGH does for MoveFileEx).
+        if (placed && (flags & MOVEFILE_WRITE_THROUGH) != 0 && !FlushFileBuffers(file)) error = GetLastError();
     }
     if (!placed) DeleteByHandle(file);
     CloseHandle(file);

@@ -157,6 +157,11 @@ public:
     // ---- Durable, resumable, verified and retried downloads (DownloadDurable.cpp, DownloadResume.cpp,
     // DownloadVerify.cpp, RetryPolicy.cpp). Each setting is copied with the object.
 
+    /// Durable commit of every later DownloadFile; on by default. On, the temporary file's data reaches
+    /// the disk before it takes the target's place and the folder's entry after, so a crash or power
+    /// cut leaves the old target or the whole new one. Off saves the two flushes. A folder flush that
+    /// fails after the rename still gives 1: the target is the new file by then.
+    void SetDownloadDurable(bool durable);
     /// The digest the next DownloadFile's file must have: algorithm "sha256" or "md5" and its hex
     /// digits (any case). Computed while the body streams; a mismatch fails with
     /// CURLE_BAD_CONTENT_ENCODING and leaves the target untouched. The next download uses it up

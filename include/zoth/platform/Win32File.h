@@ -50,6 +50,9 @@ ZOTH_API BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD count, LPDWORD read, LP
 
 // Writes all `count` bytes at the file position. `written` may be null.
 ZOTH_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD count, LPDWORD written, LPOVERLAPPED overlapped);
+// Makes the file's data (and the metadata needed to read it back, such as its size) reach the disk
+// before it returns: fdatasync. FALSE with the error when the device reports one.
+ZOTH_API BOOL FlushFileBuffers(HANDLE file);
 
 // Moves the file position by `distance` (64 bits when `distanceHigh` is given) from FILE_BEGIN,
 // FILE_CURRENT or FILE_END. The low 32 bits of the new position, its high part in *distanceHigh;
@@ -95,6 +98,7 @@ ZOTH_API BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, D
                            LPVOID reserved);
 
 #define MOVEFILE_REPLACE_EXISTING 0x1u
+#define MOVEFILE_WRITE_THROUGH 0x8u
 // Renames a file within one file system, in one step. Without MOVEFILE_REPLACE_EXISTING an existing
 // `target` is ERROR_ALREADY_EXISTS; other flags are ERROR_INVALID_PARAMETER.
 ZOTH_API BOOL MoveFileExA(LPCSTR existing, LPCSTR target, DWORD flags);
@@ -219,6 +223,12 @@ ZOTH_API HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix);
 // (ERROR_UNABLE_TO_REMOVE_REPLACED). On failure the file is deleted and the target stays as it was.
 // The handle is closed in every case.
 ZOTH_API BOOL CommitTemporaryFile(HANDLE file);
+
+// As CommitTemporaryFile; with MOVEFILE_WRITE_THROUGH in `flags` the folder's entry also reaches the
+// disk after the rename (fsync of the folder; on Windows the handle is flushed after its rename).
+// A flush that fails after the rename leaves the file in the target's place: TRUE, with the flush's
+// error as the last error. Other flags: FALSE with ERROR_INVALID_PARAMETER, the file deleted.
+ZOTH_API BOOL CommitTemporaryFileEx(HANDLE file, DWORD flags);
 
 // Deletes the file (if its name is still this file) and closes the handle.
 ZOTH_API BOOL DiscardTemporaryFile(HANDLE file);
