@@ -127,8 +127,9 @@ int RunChild(int argc, char** argv) {
         growth = PeakGrowthKiB([&] { ok = ZOTH::CFileHepler::GetFileMd5(argv[3], "").size() == 32; });
     } else if (what == "sha256" && argc == 4) {
         growth = PeakGrowthKiB([&] { ok = ZOTH::CFileHepler::GetFileSha256(argv[3]).size() == 64; });
-    } else if (what == "download" && argc == 5) {
+    } else if (what == "download" && argc == 6) {
         ZOTH::CHttpClientCurl client;
+        client.SetDownloadDurable(std::strcmp(argv[5], "1") == 0);
         growth = PeakGrowthKiB([&] { ok = client.DownloadFile(argv[3], argv[4], "") == 1; });
     }
     std::printf("%ld\n", growth);
@@ -344,17 +345,19 @@ void SettleDisk(benchmark::State& state) {
     state.ResumeTiming();
 }
 
-// Argument: size in MiB.
+// Arguments: size in MiB, durable commit (1, the default) or not (0).
 void BM_DownloadFile(benchmark::State& state) {
     const uint64_t mib = static_cast<uint64_t>(state.range(0));
+    const bool durable = state.range(1) != 0;
     const std::string url = Server().Url(mib);
     for (auto _ : state) {
         SettleDisk(state);
         ZOTH::CHttpClientCurl client;
+        client.SetDownloadDurable(durable);
         if (!client.DownloadFile(url, Target(), "")) state.SkipWithError("DownloadFile failed");
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * mib * kMiB));
-    ReportChild(state, MeasureSelf({"download", url, Target()}), true);
+    ReportChild(state, MeasureSelf({"download", url, Target(), durable ? "1" : "0"}), true);
     if (fs::file_size(Target()) != mib * kMiB) state.SkipWithError("wrong size");
     fs::remove(Target());
 }
@@ -371,16 +374,41 @@ void BM_curl_o(benchmark::State& state) {
     fs::remove(Target());
 }
 
+// The peer of a durable download: `curl -o`, then coreutils' `sync FILE` (an fsync of the file).
+void BM_curl_o_sync(benchmark::State& state) {
+    const uint64_t mib = static_cast<uint64_t>(state.range(0));
+    const std::string url = Server().Url(mib);
+    for (auto _ : state) {
+        SettleDisk(state);
+        if (!Spawn({"curl", "-s", "-o", Target(), url}).ok || !Spawn({"sync", Target()}).ok)
+            state.SkipWithError("curl or sync failed");
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * mib * kMiB));
+    fs::remove(Target());
+}
+
 BENCHMARK(BM_DownloadFile)
+    ->ArgNames({"MiB", "durable"})
+    ->Args({256, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+BENCHMARK(BM_curl_o_sync)
     ->ArgName("MiB")
     ->Arg(256)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(5);
+BENCHMARK(BM_DownloadFile)
+    ->ArgNames({"MiB", "durable"})
+    ->Args({256, 0})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
 BENCHMARK(BM_curl_o)->ArgName("MiB")->Arg(256)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(BM_DownloadFile)
-    ->ArgName("MiB")
-    ->Arg(1024)
+    ->ArgNames({"MiB", "durable"})
+    ->Args({1024, 0})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(1);
