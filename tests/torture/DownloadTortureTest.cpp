@@ -17,6 +17,9 @@
 #include <map>
 #include <sstream>
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 using ZOTH::CHttpClientCurl;
 using zoth_test::FaultServer;
 using zoth_test::TempDir;
@@ -147,4 +150,36 @@ TEST(DownloadTorture, EveryFileCallFailsInTurn) {
         }
     }
     std::printf("%d runs, each with one failing call\n", runs);
+}
+
+// A folder the process may not write to, with a target in it that it may write: refused before any
+// request, with the code of a failed write, the target as it was. Root writes anyway, so the download
+// runs in a child as nobody; skipped when the test does not run as root.
+TEST(DownloadTorture, ReadOnlyFolderAsNobody) {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root to switch to nobody (and root would write anyway)";
+    const std::string body = Body();
+    FaultServer server(body);
+    TempDir dir;
+    const std::string folder = dir / "ro", target = folder + "/file.bin";
+    fs::create_directory(folder);
+    std::ofstream(target) << "old";
+    fs::permissions(target, fs::perms::all & ~fs::perms::owner_exec & ~fs::perms::group_exec &
+                                ~fs::perms::others_exec);
+    fs::permissions(folder, fs::perms::owner_all | fs::perms::group_read | fs::perms::group_exec |
+                                fs::perms::others_read | fs::perms::others_exec);
+    fs::permissions(dir.Path(), fs::perms::others_exec | fs::perms::others_read, fs::perm_options::add);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(2);
+        CHttpClientCurl client;
+        const int result = client.DownloadFile(server.Url(), target, "");
+        ::_exit(result == 0 && client.GetResultCode() == CURLE_WRITE_ERROR ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    EXPECT_EQ(server.Requests(), 0);
+    EXPECT_EQ(ReadAll(target), "old");
+    EXPECT_EQ(std::distance(fs::directory_iterator(folder), fs::directory_iterator()), 1);
 }
