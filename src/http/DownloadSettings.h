@@ -11,9 +11,10 @@
 namespace ZOTH::http {
 
 struct DownloadSettings {
-    bool durable = true;     // data and folder entry flushed around the rename
-    bool resume = false;     // a failed download keeps its partial for the next one
-    bool md5Binding = false; // DownloadFile's md5 argument, when not empty, must match
+    bool durable = true;                       // data and folder entry flushed around the rename
+    bool resume = false;                       // a failed download keeps its partial for the next one
+    DWORD resumeMaxAgeSeconds = 7 * 24 * 3600; // an older kept partial is dropped
+    bool md5Binding = false;                   // DownloadFile's md5 argument, when not empty, must match
     // The digest the next download must have; consumed by it whatever its outcome.
     text::DigestKind digestKind = text::DigestKind::None;
     std::string digestHex; // lower case

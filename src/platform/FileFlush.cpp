@@ -1,4 +1,4 @@
-// FlushFileBuffers: a file's data to the disk.
+// FlushFileBuffers: a file's data to the disk; SetEndOfFile: its length.
 #include "platform/FileObject.h"
 
 #include <cerrno>
@@ -15,6 +15,17 @@ BOOL FlushFileBuffers(HANDLE file) {
         done = ::fdatasync(object->fd);
     } while (done != 0 && errno == EINTR);
     if (done != 0) {
+        SetLastErrorFromErrno(errno);
+        return FALSE;
+    }
+    return TRUE;
+}
+
+BOOL SetEndOfFile(HANDLE file) {
+    FileObject* object = FileOf(file);
+    if (object == nullptr) return FALSE;
+    const off_t position = ::lseek(object->fd, 0, SEEK_CUR);
+    if (position < 0 || ::ftruncate(object->fd, position) != 0) {
         SetLastErrorFromErrno(errno);
         return FALSE;
     }

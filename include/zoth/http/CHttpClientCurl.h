@@ -162,6 +162,19 @@ public:
     /// cut leaves the old target or the whole new one. Off saves the two flushes. A folder flush that
     /// fails after the rename still gives 1: the target is the new file by then.
     void SetDownloadDurable(bool durable);
+    /// Resume of every later DownloadFile; off by default. On, a download that fails or is stopped
+    /// keeps what it received in a partial file beside the target ("." + name + ".zdl-part", the
+    /// process's own: mode 0600, locked while in use) with a record of the URL's SHA-256, the length
+    /// and the validator (ETag, else Last-Modified); the next download of the same URL to the same
+    /// target asks for the missing bytes only (Range and If-Range). A changed validator, another URL,
+    /// a record older than maxAgeSeconds (default 7 days) or a partial that is not as recorded starts
+    /// over. While another download holds the partial, a second one starts over in a temporary file
+    /// of its own and leaves the partial alone. A finished file passes the same checks as a whole
+    /// download (length, digest) before it takes the target's place.
+    void SetDownloadResume(bool resume, DWORD maxAgeSeconds = 7 * 24 * 3600);
+    /// Removes the partial file that a resumable download of filePath kept. 1 when none is left (also
+    /// when there was none), 0 when one could not be removed.
+    int ClearDownloadResume(std::string filePath);
     /// The digest the next DownloadFile's file must have: algorithm "sha256" or "md5" and its hex
     /// digits (any case). Computed while the body streams; a mismatch fails with
     /// CURLE_BAD_CONTENT_ENCODING and leaves the target untouched. The next download uses it up
