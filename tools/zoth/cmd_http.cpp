@@ -150,7 +150,7 @@ private:
     double m_startNow = 0;
 };
 
-// Takes the download's own options (--sha256 HEX, --md5 HEX, --retry N, --retry-max-time S) from
+// Takes the download's own options (--resume, --sha256 HEX, --md5 HEX, --retry N, --retry-max-time S) from
 // the front of args and applies them; leaves the rest, TLS options included, in rest. Empty when
 // they were well formed, else the message for Fail.
 std::string TakeDownloadOptions(const Args& args, CHttpClientCurl& client, Args& rest) {
@@ -160,6 +160,10 @@ std::string TakeDownloadOptions(const Args& args, CHttpClientCurl& client, Args&
     size_t i = 0;
     for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
         const std::string& option = args[i];
+        if (option == "--resume") {
+            client.SetDownloadResume(true);
+            continue;
+        }
         if (option != "--sha256" && option != "--md5" && option != "--retry" &&
             option != "--retry-max-time") {
             rest.push_back(option);
@@ -197,8 +201,14 @@ int RunDownload(const Args& given) {
     if (args.size() != 2) return Fail("download needs URL FILE");
     if (int missing = NeedDll("download", kCurlDll)) return missing;
     ProgressBar bar;
-    if (isatty(STDOUT_FILENO))
-        client.SetProgressObserver([&bar](double total, double now) { bar(total, now); });
+    const bool draw = isatty(STDOUT_FILENO);
+    // A resumed download reports the kept bytes as done from its first progress call on.
+    bool first = true;
+    client.SetProgressObserver([&](double total, double now) {
+        if (first && now > 0) std::fprintf(stderr, "resumed at %.0f bytes\n", now);
+        first = false;
+        if (draw) bar(total, now);
+    });
     const int ok = client.DownloadFile(args[0], args[1], "");
     bar.Finish();
     if (!ok) {
@@ -296,11 +306,11 @@ std::vector<Command> HttpCommands() {
         {"put", "put [--verify] [--cacert FILE] URL [DATA|-]" TLS_OPTIONS_HELP,
          "PUT DATA (or standard input) and print the body", RunPut},
         {"download",
-         "download [--sha256 HEX] [--md5 HEX] [--retry N] [--retry-max-time S] [--verify] [--cacert FILE] "
-         "URL "
-         "FILE" TLS_OPTIONS_HELP,
+         "download [--resume] [--sha256 HEX] [--md5 HEX] [--retry N] [--retry-max-time S] [--verify] "
+         "[--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
          "download a URL whole into FILE (only a complete 200 answer, with the digest asked for); --retry "
-         "tries a passing failure N more times within S seconds",
+         "tries a passing failure N more times within S seconds; --resume keeps what a cut download received "
+         "and continues from there next time",
          RunDownload},
         {"upload", "upload [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
          "post FILE as a multipart form and print the answer", RunUpload},
