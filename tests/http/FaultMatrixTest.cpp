@@ -51,6 +51,54 @@ struct Outcome {
 
 } // namespace
 
+// The same directives against a resumed request: a first download with resume on is cut halfway, then
+// the second meets the directive. The partial is kept exactly when the second ends without the file
+// and what it has is still sound; "kept" says so.
+TEST(FaultMatrix, ResumedDownloads) {
+    const std::string body = Payload(300 * 1024 + 5), shortBody = Payload(200);
+    FaultServer server(body);
+    const struct {
+        const char* name;
+        Directive fault;
+        Outcome resumed;
+        bool kept;
+    } cases[] = {
+        {"close after 1000 bytes", Directive().CloseAfter(1000), {0, CURLE_PARTIAL_FILE}, true},
+        {"stall 300 ms after 1000 bytes", Directive().Stall(1000, 300), {1, CURLE_OK}, false},
+        {"drip a byte every 2 ms", Directive().Drip(2), {1, CURLE_OK}, false},
+        {"Content-Length 10 too long", Directive().LengthDelta(10), {0, CURLE_PARTIAL_FILE}, true},
+        {"Content-Length 10 too short", Directive().LengthDelta(-10), {0, CURLE_OK}, false},
+        {"200 instead of 206", Directive().IgnoreRange(), {1, CURLE_OK}, false},
+        {"416", Directive().Status(416), {0, CURLE_OK}, true},
+        {"changed ETag", Directive().ETag("\"v2\""), {1, CURLE_OK}, false},
+        {"chunked, no length", Directive().Chunked(), {0, CURLE_OK}, false},
+        {"redirect", Directive().Status(302).Location(server.Url("/elsewhere")), {0, CURLE_OK}, true},
+        {"503", Directive().Status(503), {0, CURLE_OK}, true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string& expected = c.fault.dripMs > 0 ? shortBody : body;
+        server.SetBody(expected);
+        TempDir dir;
+        const std::string target = dir / "file.bin";
+        std::ofstream(target, std::ios::binary) << "old content";
+        CHttpClientCurl client;
+        client.SetDownloadResume(true);
+        server.Plan({Directive().CloseAfter(static_cast<long>(expected.size() / 2)), c.fault, Directive()});
+        ASSERT_EQ(client.DownloadFile(server.Url(), target, ""), 0);
+        ASSERT_EQ(client.SetDownloadDigest("sha256", Sha256Hex(expected)), 1);
+        EXPECT_EQ(client.DownloadFile(server.Url(), target, ""), c.resumed.result);
+        EXPECT_EQ(client.GetResultCode(), c.resumed.code);
+        EXPECT_EQ(ReadAll(target), c.resumed.result == 1 ? expected : "old content");
+        EXPECT_EQ(fs::exists(dir / ".file.bin.zdl-part"), c.kept);
+        EXPECT_EQ(std::distance(fs::directory_iterator(dir.Path()), fs::directory_iterator()),
+                  c.kept ? 2 : 1);
+        // Whatever was kept, the next plain answer ends with the whole file.
+        EXPECT_EQ(client.DownloadFile(server.Url(), target, ""), 1);
+        EXPECT_EQ(ReadAll(target), expected);
+    }
+}
+
 TEST(FaultMatrix, PlainAndRetriedDownloads) {
     const std::string body = Payload(300 * 1024 + 5);
     FaultServer server(body);
