@@ -246,6 +246,8 @@ private:
             }
             if (d.stallAfter >= 0 && sent < static_cast<size_t>(d.stallAfter))
                 n = std::min(n, static_cast<size_t>(d.stallAfter) - sent);
+            // Counted before it is sent, so the count is complete by the time the client has the bytes.
+            m_bodyBytes += static_cast<long long>(n);
             bool ok = true;
             if (d.chunked) {
                 char size[32];
@@ -255,9 +257,11 @@ private:
             } else {
                 ok = Send(fd, body.data() + sent, n);
             }
-            if (!ok) return;
+            if (!ok) {
+                m_bodyBytes -= static_cast<long long>(n);
+                return;
+            }
             sent += n;
-            m_bodyBytes += static_cast<long long>(n);
             if (d.stallAfter >= 0 && sent == static_cast<size_t>(d.stallAfter)) Nap(d.stallMs);
             if (d.dripMs > 0) Nap(d.dripMs);
         }
