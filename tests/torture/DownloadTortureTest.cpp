@@ -124,6 +124,14 @@ TEST(DownloadTorture, EveryFileCallFailsInTurn) {
                 const CURLcode code = client.GetResultCode();
                 zoth_test::DisarmFileCalls();
                 ++runs;
+                // The body arrives in as many writes as the network's timing makes: a late write
+                // number may not come in this run, which then simply succeeds. Every other call
+                // is made exactly as recorded.
+                if (name == "write" && !zoth_test::FileCallFailed()) {
+                    EXPECT_EQ(result, 1);
+                    EXPECT_EQ(ReadAll(target), body);
+                    continue;
+                }
                 EXPECT_TRUE(zoth_test::FileCallFailed());
                 const size_t entries = static_cast<size_t>(
                     std::distance(fs::directory_iterator(dir.Path()), fs::directory_iterator()));
