@@ -1,5 +1,6 @@
 // Big files against their peers, time and peak memory: GetFileMd5 vs md5sum (a 256 MiB file, and a
-// 1 GiB sparse one), DownloadFile vs `curl -o` over loopback (256 MiB and 1 GiB).
+// 1 GiB sparse one), GetFileSha256 vs sha256sum (256 MiB), DownloadFile vs `curl -o` over loopback (256 MiB
+// and 1 GiB).
 //
 // Time is measured in this process for the library and around a spawned process for the peer.
 // Memory is measured in child processes: each contender runs once more in a process of its own
@@ -124,8 +125,11 @@ int RunChild(int argc, char** argv) {
     long growth = -1;
     if (what == "md5" && argc == 4) {
         growth = PeakGrowthKiB([&] { ok = ZOTH::CFileHepler::GetFileMd5(argv[3], "").size() == 32; });
-    } else if (what == "download" && argc == 5) {
+    } else if (what == "sha256" && argc == 4) {
+        growth = PeakGrowthKiB([&] { ok = ZOTH::CFileHepler::GetFileSha256(argv[3]).size() == 64; });
+    } else if (what == "download" && argc == 6) {
         ZOTH::CHttpClientCurl client;
+        client.SetDownloadDurable(std::strcmp(argv[5], "1") == 0);
         growth = PeakGrowthKiB([&] { ok = client.DownloadFile(argv[3], argv[4], "") == 1; });
     }
     std::printf("%ld\n", growth);
@@ -202,6 +206,39 @@ BENCHMARK(BM_md5sum)
     ->ArgNames({"MiB", "sparse"})
     ->Args({256, 0})
     ->Args({1024, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+
+// Argument: size in MiB (a file of random bytes).
+void BM_GetFileSha256(benchmark::State& state) {
+    const std::string path = RandomFile(static_cast<uint64_t>(state.range(0)));
+    for (auto _ : state) {
+        std::string sha = ZOTH::CFileHepler::GetFileSha256(path);
+        if (sha.size() != 64) state.SkipWithError("no digest");
+        benchmark::DoNotOptimize(sha);
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0) * int64_t{1 << 20});
+    ReportChild(state, MeasureSelf({"sha256", path}), true);
+}
+
+void BM_sha256sum(benchmark::State& state) {
+    const std::string path = RandomFile(static_cast<uint64_t>(state.range(0)));
+    for (auto _ : state)
+        if (!Spawn({"sha256sum", path}).ok) state.SkipWithError("sha256sum failed");
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations()) * state.range(0) * int64_t{1 << 20});
+    ReportChild(state, Measure({"sha256sum", path}), false);
+}
+
+BENCHMARK(BM_GetFileSha256)
+    ->ArgName("MiB")
+    ->Arg(256)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+BENCHMARK(BM_sha256sum)
+    ->ArgName("MiB")
+    ->Arg(256)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(5);
@@ -308,17 +345,19 @@ void SettleDisk(benchmark::State& state) {
     state.ResumeTiming();
 }
 
-// Argument: size in MiB.
+// Arguments: size in MiB, durable commit (1, the default) or not (0).
 void BM_DownloadFile(benchmark::State& state) {
     const uint64_t mib = static_cast<uint64_t>(state.range(0));
+    const bool durable = state.range(1) != 0;
     const std::string url = Server().Url(mib);
     for (auto _ : state) {
         SettleDisk(state);
         ZOTH::CHttpClientCurl client;
+        client.SetDownloadDurable(durable);
         if (!client.DownloadFile(url, Target(), "")) state.SkipWithError("DownloadFile failed");
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * mib * kMiB));
-    ReportChild(state, MeasureSelf({"download", url, Target()}), true);
+    ReportChild(state, MeasureSelf({"download", url, Target(), durable ? "1" : "0"}), true);
     if (fs::file_size(Target()) != mib * kMiB) state.SkipWithError("wrong size");
     fs::remove(Target());
 }
@@ -335,16 +374,41 @@ void BM_curl_o(benchmark::State& state) {
     fs::remove(Target());
 }
 
+// The peer of a durable download: `curl -o`, then coreutils' `sync FILE` (an fsync of the file).
+void BM_curl_o_sync(benchmark::State& state) {
+    const uint64_t mib = static_cast<uint64_t>(state.range(0));
+    const std::string url = Server().Url(mib);
+    for (auto _ : state) {
+        SettleDisk(state);
+        if (!Spawn({"curl", "-s", "-o", Target(), url}).ok || !Spawn({"sync", Target()}).ok)
+            state.SkipWithError("curl or sync failed");
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * mib * kMiB));
+    fs::remove(Target());
+}
+
 BENCHMARK(BM_DownloadFile)
+    ->ArgNames({"MiB", "durable"})
+    ->Args({256, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
+BENCHMARK(BM_curl_o_sync)
     ->ArgName("MiB")
     ->Arg(256)
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(5);
+BENCHMARK(BM_DownloadFile)
+    ->ArgNames({"MiB", "durable"})
+    ->Args({256, 0})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime()
+    ->Iterations(5);
 BENCHMARK(BM_curl_o)->ArgName("MiB")->Arg(256)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(5);
 BENCHMARK(BM_DownloadFile)
-    ->ArgName("MiB")
-    ->Arg(1024)
+    ->ArgNames({"MiB", "durable"})
+    ->Args({1024, 0})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime()
     ->Iterations(1);

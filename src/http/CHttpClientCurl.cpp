@@ -6,6 +6,8 @@
 
 #include "http/CurlOption.h"
 #include "http/CurlShare.h"
+#include "http/DownloadSettings.h"
+#include "http/RetryPolicy.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -28,6 +30,7 @@ struct CHttpClientCurl::Settings {
     bool bReuseConnections = true;
     bool bTlsVerify = false;
     std::string strCaPath; // empty: the system's trust store
+    http::DownloadSettings download;
 };
 
 CHttpClientCurl::CHttpClientCurl()
@@ -166,6 +169,18 @@ bool CHttpClientCurl::SetShareAndTrustOptions() {
 
 int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy,
                                     std::string postData, std::string& response) {
+    // A POST is never sent twice.
+    http::RetryClock clock(method == EREQUEST_METHOD_POST ? nullptr : DownloadSettingsOrNull());
+    for (;;) {
+        const int result = RequestOnce(method, url, proxy, postData, response);
+        if (url.empty()) return result; // nothing was sent
+        const int again = WaitBeforeRetry(clock);
+        if (again <= 0) return again < 0 ? 0 : result;
+    }
+}
+
+int CHttpClientCurl::RequestOnce(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
+                                 const std::string& postData, std::string& response) {
     if (InitCurl() == 0) return 0;
     if (url.empty()) return 0;
     response.clear();
@@ -363,6 +378,14 @@ void CHttpClientCurl::SetTlsCaPath(std::string path) {
     Settings& s = EditSettings();
     if (!path.empty()) s.bTlsVerify = true;
     s.strCaPath = std::move(path);
+}
+
+const http::DownloadSettings* CHttpClientCurl::DownloadSettingsOrNull() const {
+    return m_pSettings ? &m_pSettings->download : nullptr;
+}
+
+http::DownloadSettings& CHttpClientCurl::EditDownloadSettings() {
+    return EditSettings().download;
 }
 
 } // namespace ZOTH

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <string>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -200,12 +201,25 @@ HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix) {
 }
 
 BOOL CommitTemporaryFile(HANDLE handle) {
+    return CommitTemporaryFileEx(handle, 0);
+}
+
+BOOL CommitTemporaryFileEx(HANDLE handle, DWORD flags) {
     TemporaryFile* file = AsTemporaryFile(handle);
     if (file == nullptr) return FALSE;
-    const bool placed = Place(*file);
-    const DWORD error = GetLastError();
+    bool placed = false;
+    if ((flags & ~MOVEFILE_WRITE_THROUGH) != 0)
+        SetLastError(ERROR_INVALID_PARAMETER);
+    else
+        placed = Place(*file);
+    DWORD error = GetLastError();
+    // The rename is in the folder's entries: they reach the disk with the folder's own flush.
+    if (placed && (flags & MOVEFILE_WRITE_THROUGH) != 0 && ::fsync(file->folder) != 0) {
+        SetLastErrorFromErrno(errno);
+        error = GetLastError();
+    }
     delete file; // deletes the file unless it took the target's place
-    SetLastError(placed ? ERROR_SUCCESS : error);
+    SetLastError(error);
     return placed ? TRUE : FALSE;
 }
 
@@ -214,4 +228,100 @@ BOOL DiscardTemporaryFile(HANDLE handle) {
     if (file == nullptr) return FALSE;
     delete file;
     return TRUE;
+}
+
+// ---- kept partial files of resumable downloads ----
+
+namespace {
+
+// The process's own partial: a plain file of the effective user, mode 0600, one link.
+bool IsOwnKeptFile(int fd) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid() &&
+           (st.st_mode & 07777) == 0600 && st.st_nlink == 1;
+}
+
+} // namespace
+
+HANDLE OpenKeptTemporaryFileA(LPCSTR target, LPCSTR suffix, BOOL* reused) {
+    if (target == nullptr || *target == '\0' || suffix == nullptr || *suffix == '\0' ||
+        std::strchr(suffix, '/') != nullptr || reused == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    int dir = -1;
+    std::string name;
+    bool exists = false;
+    if (!OpenTarget(target, dir, name, exists)) return INVALID_HANDLE_VALUE;
+    const std::string kept = "." + name + suffix;
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        int fd = ::openat(dir, kept.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+        bool fresh = false;
+        if (fd >= 0 && !IsOwnKeptFile(fd)) {
+            // Not the process's own (another owner, mode or link count, a pipe): never reused.
+            ::close(fd);
+            ::unlinkat(dir, kept.c_str(), 0);
+            continue;
+        }
+        if (fd < 0 && errno == ELOOP) { // a link in its place
+            ::unlinkat(dir, kept.c_str(), 0);
+            continue;
+        }
+        if (fd < 0 && errno == ENOENT) {
+            fd = ::openat(dir, kept.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+            if (fd < 0 && errno == EEXIST) continue; // made meanwhile: look again
+            fresh = true;
+        }
+        if (fd < 0) {
+            SetLastErrorFromErrno(errno);
+            ::close(dir);
+            return INVALID_HANDLE_VALUE;
+        }
+        ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
+        if (::flock(fd, LOCK_EX | LOCK_NB) != 0) {
+            ::close(fd);
+            ::close(dir);
+            SetLastError(ERROR_LOCK_VIOLATION);
+            return INVALID_HANDLE_VALUE;
+        }
+        *reused = fresh ? FALSE : TRUE;
+        SetLastError(ERROR_SUCCESS);
+        return new TemporaryFile(fd, dir, kept, name, exists);
+    }
+    ::close(dir);
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE_VALUE;
+}
+
+BOOL KeepTemporaryFile(HANDLE handle) {
+    TemporaryFile* file = AsTemporaryFile(handle);
+    if (file == nullptr) return FALSE;
+    file->committed = true; // its name stays
+    delete file;
+    return TRUE;
+}
+
+BOOL DeleteKeptTemporaryFileA(LPCSTR target, LPCSTR suffix) {
+    if (target == nullptr || *target == '\0' || suffix == nullptr || *suffix == '\0' ||
+        std::strchr(suffix, '/') != nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    std::string folder, name;
+    if (!SplitPath(target, folder, name)) {
+        SetLastError(ERROR_INVALID_NAME);
+        return FALSE;
+    }
+    int dir = -1;
+    bool exists = false;
+    // The folder the partial was made in: the one of the file a link leads to, else the path's own.
+    if (!OpenTarget(target, dir, name, exists)) {
+        dir = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (dir < 0) return TRUE; // no folder, no partial
+    }
+    const std::string kept = "." + name + suffix;
+    const bool gone = ::unlinkat(dir, kept.c_str(), 0) == 0 || errno == ENOENT;
+    if (!gone) SetLastErrorFromErrno(errno);
+    ::close(dir);
+    return gone ? TRUE : FALSE;
 }

@@ -130,6 +130,10 @@ HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix) {
 }
 
 BOOL CommitTemporaryFile(HANDLE file) {
+    return CommitTemporaryFileEx(file, 0);
+}
+
+BOOL CommitTemporaryFileEx(HANDLE file, DWORD flags) {
     Pending pending;
     if (!TakePending(file, pending)) {
         SetLastError(ERROR_INVALID_HANDLE);
@@ -145,9 +149,16 @@ BOOL CommitTemporaryFile(HANDLE file) {
                (attributes & (FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_READONLY)) != 0) {
         placed = false;
         error = ERROR_UNABLE_TO_REMOVE_REPLACED;
+    } else if ((flags & ~MOVEFILE_WRITE_THROUGH) != 0) {
+        placed = false;
+        error = ERROR_INVALID_PARAMETER;
     } else {
         placed = RenameByHandle(file, pending.target, attributes != INVALID_FILE_ATTRIBUTES);
         error = placed ? ERROR_SUCCESS : GetLastError();
+        // The rename is metadata of the file: flushing its handle after the rename writes it through
+        // (what MOVEFILE_WRITE_THROUGH does for MoveFileEx).
+        if (placed && (flags & MOVEFILE_WRITE_THROUGH) != 0 && !FlushFileBuffers(file))
+            error = GetLastError();
     }
     if (!placed) DeleteByHandle(file);
     CloseHandle(file);
@@ -163,5 +174,87 @@ BOOL DiscardTemporaryFile(HANDLE file) {
     }
     DeleteByHandle(file);
     return CloseHandle(file);
+}
+// ---- kept partial files of resumable downloads ----
+
+namespace {
+
+// The kept file's full path for `target`, or false with the last error.
+bool KeptPath(const char* target, const char* suffix, std::string& kept, bool& exists) {
+    std::string path;
+    if (!ResolveTarget(target, path, exists)) return false;
+    const size_t slash = path.find_last_of("\\/");
+    if (slash == std::string::npos || slash + 1 == path.size()) {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return false;
+    }
+    kept = path.substr(0, slash + 1) + "." + path.substr(slash + 1) + suffix;
+    return true;
+}
+
+} // namespace
+
+HANDLE OpenKeptTemporaryFileA(LPCSTR target, LPCSTR suffix, BOOL* reused) {
+    if (target == nullptr || *target == '\0' || suffix == nullptr || *suffix == '\0' || reused == nullptr) {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return INVALID_HANDLE_VALUE;
+    }
+    std::string kept, path;
+    bool exists = false;
+    if (!KeptPath(target, suffix, kept, exists) || !ResolveTarget(target, path, exists))
+        return INVALID_HANDLE_VALUE;
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        // No sharing at all: the open itself is the lock.
+        HANDLE file = CreateFileA(kept.c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, 0, nullptr,
+                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr);
+        if (file == INVALID_HANDLE_VALUE) {
+            if (GetLastError() == ERROR_SHARING_VIOLATION) SetLastError(ERROR_LOCK_VIOLATION);
+            return INVALID_HANDLE_VALUE;
+        }
+        const bool existed = GetLastError() == ERROR_ALREADY_EXISTS;
+        BY_HANDLE_FILE_INFORMATION info;
+        if (!GetFileInformationByHandle(file, &info) ||
+            (info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0 ||
+            info.nNumberOfLinks != 1) {
+            DeleteByHandle(file);
+            CloseHandle(file);
+            continue;
+        }
+        std::lock_guard<std::mutex> guard(g_lock);
+        PendingFiles()[file] = Pending{Wide(path), exists};
+        *reused = existed ? TRUE : FALSE;
+        SetLastError(ERROR_SUCCESS);
+        return file;
+    }
+    SetLastError(ERROR_ACCESS_DENIED);
+    return INVALID_HANDLE_VALUE;
+}
+
+BOOL KeepTemporaryFile(HANDLE file) {
+    Pending pending;
+    if (!TakePending(file, pending)) {
+        SetLastError(ERROR_INVALID_HANDLE);
+        return FALSE;
+    }
+    return CloseHandle(file);
+}
+
+BOOL DeleteKeptTemporaryFileA(LPCSTR target, LPCSTR suffix) {
+    if (target == nullptr || *target == '\0' || suffix == nullptr || *suffix == '\0') {
+        SetLastError(ERROR_INVALID_PARAMETER);
+        return FALSE;
+    }
+    std::string kept;
+    bool exists = false;
+    if (!KeptPath(target, suffix, kept, exists)) {
+        // A target refused for writing: its partial sits beside the path as given.
+        kept = target;
+        const size_t slash = kept.find_last_of("\\/");
+        const size_t at = slash == std::string::npos ? 0 : slash + 1;
+        kept.insert(at, ".");
+        kept += suffix;
+    }
+    if (DeleteFileA(kept.c_str()) || GetLastError() == ERROR_FILE_NOT_FOUND) return TRUE;
+    return FALSE;
 }
 #endif // _WIN32

@@ -46,17 +46,18 @@ inline bool RemoveFile(const std::string& path) {
     return std::filesystem::remove(path, ec);
 }
 
-inline std::string Md5sumOf(const std::string& path) {
+// The digest of a file by the peer tool: md5sum / sha256sum, or the system's CryptoAPI on Windows.
+inline std::string PeerDigestOf(const std::string& path, bool sha256) {
 #if defined(_WIN32)
     std::ifstream in(path, std::ios::binary);
     const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     HCRYPTPROV provider = 0;
     HCRYPTHASH hash = 0;
-    BYTE digest[16];
+    BYTE digest[32];
     DWORD length = sizeof digest;
     std::string hex;
-    if (CryptAcquireContextA(&provider, nullptr, nullptr, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT) &&
-        CryptCreateHash(provider, CALG_MD5, 0, 0, &hash) &&
+    if (CryptAcquireContextA(&provider, nullptr, nullptr, PROV_RSA_AES, CRYPT_VERIFYCONTEXT) &&
+        CryptCreateHash(provider, sha256 ? CALG_SHA_256 : CALG_MD5, 0, 0, &hash) &&
         CryptHashData(hash, reinterpret_cast<const BYTE*>(bytes.data()), static_cast<DWORD>(bytes.size()),
                       0) &&
         CryptGetHashParam(hash, HP_HASHVAL, digest, &length, 0)) {
@@ -70,13 +71,21 @@ inline std::string Md5sumOf(const std::string& path) {
     if (provider) CryptReleaseContext(provider, 0);
     return hex;
 #else
-    FILE* pipe = ::popen(("md5sum '" + path + "'").c_str(), "r");
+    FILE* pipe = ::popen(((sha256 ? "sha256sum '" : "md5sum '") + path + "'").c_str(), "r");
     if (pipe == nullptr) return "";
-    char digest[33] = {};
-    size_t n = fread(digest, 1, 32, pipe);
+    char digest[65] = {};
+    size_t n = fread(digest, 1, sha256 ? 64 : 32, pipe);
     ::pclose(pipe);
     return std::string(digest, n);
 #endif
+}
+
+inline std::string Md5sumOf(const std::string& path) {
+    return PeerDigestOf(path, false);
+}
+
+inline std::string Sha256sumOf(const std::string& path) {
+    return PeerDigestOf(path, true);
 }
 
 // Whether the test runs with root's privileges (never on Windows, which has no root).

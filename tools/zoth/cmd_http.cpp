@@ -91,16 +91,48 @@ public:
         if (now == m_lastNow || (t - m_last < std::chrono::milliseconds(100) && !complete)) return;
         m_last = t;
         m_lastNow = now;
-        const int width = 40;
+        if (!m_started) {
+            m_start = t;
+            m_startNow = now;
+            m_started = true;
+        }
+        const int width = 30;
+        // The rate of this run: bytes counted as already there (a resumed part) are not received.
+        const double seconds = std::chrono::duration<double>(t - m_start).count();
+        const double rate = seconds > 0.2 ? (now - m_startNow) / seconds : 0.0;
         if (total > 0) {
             now = std::min(now, total);
             int filled = static_cast<int>(width * now / total);
-            std::fprintf(stderr, "\r[%-*s] %5.1f%% %.0f/%.0f %s", width, std::string(filled, '#').c_str(),
-                         100.0 * now / total, now, total, m_unit);
+            std::fprintf(stderr, "\r[%-*s] %5.1f%% %.0f/%.0f %s %s/s %s   ", width,
+                         std::string(filled, '#').c_str(), 100.0 * now / total, now, total, m_unit,
+                         Human(rate).c_str(),
+                         rate > 0 ? ("ETA " + Clock((total - now) / rate)).c_str() : "ETA --:--");
         } else {
-            std::fprintf(stderr, "\r%.0f %s", now, m_unit);
+            std::fprintf(stderr, "\r%.0f %s %s/s   ", now, m_unit, Human(rate).c_str());
         }
         m_drawn = true;
+    }
+    // "12.3M": a byte count with a binary unit, as curl shows it.
+    static std::string Human(double bytes) {
+        const char* units = "BKMGT";
+        int unit = 0;
+        while (bytes >= 1024 && unit < 4) {
+            bytes /= 1024;
+            ++unit;
+        }
+        char text[32];
+        std::snprintf(text, sizeof text, unit == 0 ? "%.0f%c" : "%.1f%c", bytes, units[unit]);
+        return text;
+    }
+    // "1:02:03" or "02:03".
+    static std::string Clock(double seconds) {
+        const long s = static_cast<long>(seconds + 0.5);
+        char text[32];
+        if (s >= 3600)
+            std::snprintf(text, sizeof text, "%ld:%02ld:%02ld", s / 3600, s / 60 % 60, s % 60);
+        else
+            std::snprintf(text, sizeof text, "%02ld:%02ld", s / 60, s % 60);
+        return text;
     }
     // Ends the bar's line, if one was drawn.
     void Finish() {
@@ -113,21 +145,76 @@ private:
     std::chrono::steady_clock::time_point m_last{};
     double m_lastNow = -1;
     bool m_drawn = false;
+    bool m_started = false;
+    std::chrono::steady_clock::time_point m_start{};
+    double m_startNow = 0;
 };
+
+// Takes the download's own options (--resume, --sha256 HEX, --md5 HEX, --retry N, --retry-max-time S) from
+// the front of args and applies them; leaves the rest, TLS options included, in rest. Empty when
+// they were well formed, else the message for Fail.
+std::string TakeDownloadOptions(const Args& args, CHttpClientCurl& client, Args& rest) {
+    int retries = 0;
+    long maxSeconds = 0;
+    rest.clear();
+    size_t i = 0;
+    for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
+        const std::string& option = args[i];
+        if (option == "--resume") {
+            client.SetDownloadResume(true);
+            continue;
+        }
+        if (option != "--sha256" && option != "--md5" && option != "--retry" &&
+            option != "--retry-max-time") {
+            rest.push_back(option);
+            if (option == "--cacert" && i + 1 < args.size()) rest.push_back(args[++i]);
+            continue;
+        }
+        if (i + 1 >= args.size()) return option + " needs a value";
+        const std::string& value = args[++i];
+        char* end = nullptr;
+        if (option == "--sha256" || option == "--md5") {
+            if (!client.SetDownloadDigest(option.substr(2), value))
+                return option + ": not a digest: " + value;
+        } else if (option == "--retry") {
+            const long n = std::strtol(value.c_str(), &end, 10);
+            if (*end != '\0' || value.empty() || n < 0 || n > 1000) return "--retry needs a count 0..1000";
+            retries = static_cast<int>(n);
+        } else {
+            maxSeconds = std::strtol(value.c_str(), &end, 10);
+            if (*end != '\0' || value.empty() || maxSeconds < 0 || maxSeconds > 86400 * 7)
+                return "--retry-max-time needs seconds";
+        }
+    }
+    rest.insert(rest.end(), args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
+    if (retries > 0 || maxSeconds > 0)
+        client.SetRetryPolicy(retries + 1, static_cast<DWORD>(maxSeconds * 1000));
+    return "";
+}
 
 int RunDownload(const Args& given) {
     CHttpClientCurl client;
-    Args args;
-    const std::string bad = TakeTlsOptions(given, client, args);
+    Args args, options;
+    std::string bad = TakeDownloadOptions(given, client, options);
+    if (bad.empty()) bad = TakeTlsOptions(options, client, args);
     if (!bad.empty()) return Fail(bad);
     if (args.size() != 2) return Fail("download needs URL FILE");
     if (int missing = NeedDll("download", kCurlDll)) return missing;
     ProgressBar bar;
-    if (isatty(STDOUT_FILENO))
-        client.SetProgressObserver([&bar](double total, double now) { bar(total, now); });
+    const bool draw = isatty(STDOUT_FILENO);
+    // A resumed download reports the kept bytes as done from its first progress call on.
+    bool first = true;
+    client.SetProgressObserver([&](double total, double now) {
+        if (first && now > 0) std::fprintf(stderr, "resumed at %.0f bytes\n", now);
+        first = false;
+        if (draw) bar(total, now);
+    });
     const int ok = client.DownloadFile(args[0], args[1], "");
     bar.Finish();
     if (!ok) {
+        if (client.GetResultCode() == CURLE_BAD_CONTENT_ENCODING)
+            return Error("download failed: the content does not have the digest asked for; " + args[1] +
+                         " left as it was");
         if (client.GetResultCode() != CURLE_OK) return TransferFailed("download", client);
         return Error("download failed: not a complete 200 answer, or " + args[1] + " cannot be written");
     }
@@ -218,8 +305,13 @@ std::vector<Command> HttpCommands() {
          "POST DATA (or standard input) and print the body", RunPost},
         {"put", "put [--verify] [--cacert FILE] URL [DATA|-]" TLS_OPTIONS_HELP,
          "PUT DATA (or standard input) and print the body", RunPut},
-        {"download", "download [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
-         "download a URL whole into FILE (only a complete 200 answer)", RunDownload},
+        {"download",
+         "download [--resume] [--sha256 HEX] [--md5 HEX] [--retry N] [--retry-max-time S] [--verify] "
+         "[--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
+         "download a URL whole into FILE (only a complete 200 answer, with the digest asked for); --retry "
+         "tries a passing failure N more times within S seconds; --resume keeps what a cut download received "
+         "and continues from there next time",
+         RunDownload},
         {"upload", "upload [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
          "post FILE as a multipart form and print the answer", RunUpload},
         {"speed", "speed [--verify] [--cacert FILE] URL SECONDS" TLS_OPTIONS_HELP,

@@ -41,6 +41,9 @@ public:
     /// constant memory; through a temporary copy at `tempPath` when the file cannot be opened for
     /// writing. "" on failure.
     static std::string GetFileMd5(const std::string& path, std::string tempPath);
+    /// 64 lower-case hex digits of the SHA-256 of the whole file, of any size, read once in pieces
+    /// in constant memory through a read-only open. "" when the file cannot be opened or read whole.
+    static std::string GetFileSha256(const std::string& path);
 
     /// The file's (or folder's) creation, last write and last access times, in local time with the
     /// time zone's present offset; a null pointer skips its time. 1 read; 0 failed (a missing path

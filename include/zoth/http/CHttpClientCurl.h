@@ -14,6 +14,12 @@
 
 namespace ZOTH {
 
+namespace http {
+struct DownloadSettings;
+struct DownloadCheck;
+class RetryClock;
+} // namespace http
+
 /// The method of ExecuteRequest.
 enum EREQUEST_METHOD_tag {
     EREQUEST_METHOD_GET = 1,  ///< GET; the data argument is not sent.
@@ -103,7 +109,8 @@ public:
     /// Fetches url into a temporary file beside filePath and renames it over filePath only on status
     /// 200 with a body exactly as long as the announced length. 1 written; else 0, filePath untouched
     /// and no temporary file left. A read-only target or a folder gives 0 before anything is fetched;
-    /// a symbolic link is written through. The body is not kept in the object. `md5` is not used.
+    /// a symbolic link is written through. The body is not kept in the object. `md5` binds only
+    /// after SetDownloadMd5Check(true); see also SetDownloadDigest and SetRetryPolicy.
     int DownloadFile(std::string url, std::string filePath, std::string md5);
     /// 1 when filePath names an existing file or folder, else 0. The digest argument is not used.
     int CheckFileMd5(std::string filePath, std::string md5);
@@ -147,7 +154,57 @@ public:
     /// system's store and leaves verification as it is.
     void SetTlsCaPath(std::string path);
 
+    // ---- Durable, resumable, verified and retried downloads (DownloadDurable.cpp, DownloadResume.cpp,
+    // DownloadVerify.cpp, RetryPolicy.cpp). Each setting is copied with the object.
+
+    /// Durable commit of every later DownloadFile; on by default. On, the temporary file's data reaches
+    /// the disk before it takes the target's place and the folder's entry after, so a crash or power
+    /// cut leaves the old target or the whole new one. Off saves the two flushes. A folder flush that
+    /// fails after the rename still gives 1: the target is the new file by then.
+    void SetDownloadDurable(bool durable);
+    /// Resume of every later DownloadFile; off by default. On, a download that fails or is stopped
+    /// keeps what it received in a partial file beside the target ("." + name + ".zdl-part", the
+    /// process's own: mode 0600, locked while in use) with a record of the URL's SHA-256, the length
+    /// and the validator (ETag, else Last-Modified); the next download of the same URL to the same
+    /// target asks for the missing bytes only (Range and If-Range). A changed validator, another URL,
+    /// a record older than maxAgeSeconds (default 7 days) or a partial that is not as recorded starts
+    /// over. While another download holds the partial, a second one starts over in a temporary file
+    /// of its own and leaves the partial alone. A finished file passes the same checks as a whole
+    /// download (length, digest) before it takes the target's place.
+    void SetDownloadResume(bool resume, DWORD maxAgeSeconds = 7 * 24 * 3600);
+    /// Removes the partial file that a resumable download of filePath kept. 1 when none is left (also
+    /// when there was none), 0 when one could not be removed.
+    int ClearDownloadResume(std::string filePath);
+    /// The digest the next DownloadFile's file must have: algorithm "sha256" or "md5" and its hex
+    /// digits (any case). Computed while the body streams; a mismatch fails with
+    /// CURLE_BAD_CONTENT_ENCODING and leaves the target untouched. The next download uses it up
+    /// whatever its outcome. 1 taken; 0 for an unknown algorithm or a malformed hex (nothing kept);
+    /// an empty algorithm drops a pending digest and gives 1.
+    int SetDownloadDigest(std::string algorithm, std::string hex);
+    /// Makes DownloadFile's md5 argument binding, when it is not empty: the file must have that MD5,
+    /// checked as SetDownloadDigest does (which wins when both are given). Off by default.
+    void SetDownloadMd5Check(bool check);
+    /// Retries of later GET, PUT and DownloadFile transfers (never POST, upload or probe) that failed
+    /// in a passing way: no connection, a timeout, a transfer cut short, status 408, 429, 500, 502,
+    /// 503 or 504. At most `attempts` transfers in all (1 or less: no retry), waiting firstWaitMs
+    /// (default 1 s) doubling with up to 25% jitter, or the server's Retry-After, between them. With
+    /// budgetMs non-zero, a wait that would pass that time since the first attempt is not started.
+    /// Stop() during a wait ends the operation with 0 and CURLE_WRITE_ERROR. The last attempt's
+    /// result and code stand.
+    void SetRetryPolicy(int attempts, DWORD budgetMs, DWORD firstWaitMs = 1000);
+
 private:
+    // The download and retry settings, or null when all are default / made on first change.
+    const http::DownloadSettings* DownloadSettingsOrNull() const;
+    http::DownloadSettings& EditDownloadSettings();
+    // After a failed attempt: 1 when another follows (the wait is over), 0 when the result stands,
+    // -1 when a stop ended the wait (m_resultCode is then CURLE_WRITE_ERROR).
+    int WaitBeforeRetry(http::RetryClock& clock);
+    // One attempt of ExecuteRequest / DownloadFile.
+    int RequestOnce(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
+                    const std::string& postData, std::string& response);
+    int DownloadOnce(const std::string& url, const std::string& filePath, const http::DownloadCheck& check);
+
     // Options shared by requests and uploads, in their fixed order. false when one failed.
     bool SetRequestOptions(const std::string& url, const std::string& proxy);
     // The option table shared by a download and a speed probe: progress callback on, a fixed

@@ -26,6 +26,7 @@
 #define ERROR_BAD_NETPATH 53u
 #define ERROR_HANDLE_EOF 38u
 #define ERROR_DISK_FULL 112u
+#define ERROR_LOCK_VIOLATION 33u
 #define ERROR_BUSY 170u
 #define ERROR_INVALID_NAME 123u
 #define ERROR_NEGATIVE_SEEK 131u
@@ -50,6 +51,11 @@ ZOTH_API BOOL ReadFile(HANDLE file, LPVOID buffer, DWORD count, LPDWORD read, LP
 
 // Writes all `count` bytes at the file position. `written` may be null.
 ZOTH_API BOOL WriteFile(HANDLE file, LPCVOID buffer, DWORD count, LPDWORD written, LPOVERLAPPED overlapped);
+// Makes the file's data (and the metadata needed to read it back, such as its size) reach the disk
+// before it returns: fdatasync. FALSE with the error when the device reports one.
+ZOTH_API BOOL FlushFileBuffers(HANDLE file);
+// Makes the file end at the present file position: shorter (the rest dropped) or longer (zeros).
+ZOTH_API BOOL SetEndOfFile(HANDLE file);
 
 // Moves the file position by `distance` (64 bits when `distanceHigh` is given) from FILE_BEGIN,
 // FILE_CURRENT or FILE_END. The low 32 bits of the new position, its high part in *distanceHigh;
@@ -95,6 +101,7 @@ ZOTH_API BOOL ReplaceFileA(LPCSTR replaced, LPCSTR replacement, LPCSTR backup, D
                            LPVOID reserved);
 
 #define MOVEFILE_REPLACE_EXISTING 0x1u
+#define MOVEFILE_WRITE_THROUGH 0x8u
 // Renames a file within one file system, in one step. Without MOVEFILE_REPLACE_EXISTING an existing
 // `target` is ERROR_ALREADY_EXISTS; other flags are ERROR_INVALID_PARAMETER.
 ZOTH_API BOOL MoveFileExA(LPCSTR existing, LPCSTR target, DWORD flags);
@@ -225,8 +232,29 @@ ZOTH_API HANDLE CreateTemporaryFileA(LPCSTR target, LPCSTR prefix);
 // The handle is closed in every case.
 ZOTH_API BOOL CommitTemporaryFile(HANDLE file);
 
+// As CommitTemporaryFile; with MOVEFILE_WRITE_THROUGH in `flags` the folder's entry also reaches the
+// disk after the rename (fsync of the folder; on Windows the handle is flushed after its rename).
+// A flush that fails after the rename leaves the file in the target's place: TRUE, with the flush's
+// error as the last error. Other flags: FALSE with ERROR_INVALID_PARAMETER, the file deleted.
+ZOTH_API BOOL CommitTemporaryFileEx(HANDLE file, DWORD flags);
+
 // Deletes the file (if its name is still this file) and closes the handle.
 ZOTH_API BOOL DiscardTemporaryFile(HANDLE file);
+
+// The partial file a resumable download keeps between runs: "." + the target's name + `suffix`, in
+// the target's folder (targets refused as by CreateTemporaryFileA). An existing one is opened without
+// following a link and reused (*reused TRUE, its content kept) only when it is a plain file of the
+// effective user, mode 0600, with one link (on Windows: no reparse point, one link); anything else
+// under that name is removed and a new empty file made with O_CREAT | O_EXCL | O_NOFOLLOW, 0600.
+// The file is locked for the handle's life (flock; on Windows no sharing): while another handle
+// holds it, INVALID_HANDLE_VALUE with ERROR_LOCK_VIOLATION. End with CommitTemporaryFile(Ex),
+// DiscardTemporaryFile or KeepTemporaryFile.
+ZOTH_API HANDLE OpenKeptTemporaryFileA(LPCSTR target, LPCSTR suffix, BOOL* reused);
+// Closes the handle and leaves the file under its name for a later OpenKeptTemporaryFileA.
+ZOTH_API BOOL KeepTemporaryFile(HANDLE file);
+// Removes the kept partial file of `target` (see OpenKeptTemporaryFileA) if there is one. TRUE when
+// none is left; FALSE with the error when one could not be removed.
+ZOTH_API BOOL DeleteKeptTemporaryFileA(LPCSTR target, LPCSTR suffix);
 
 // Windows fills every search entry from the directory itself at no extra cost: no flag needed there.
 #ifndef FIND_FIRST_EX_NAME_AND_TYPE
