@@ -6,6 +6,7 @@
 
 #include "http/CurlOption.h"
 #include "http/CurlShare.h"
+#include "http/KeptHandle.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -28,6 +29,9 @@ struct CHttpClientCurl::Settings {
     bool bReuseConnections = true;
     bool bTlsVerify = false;
     std::string strCaPath; // empty: the system's trust store
+
+    // The handle kept across transfers (KeptHandle.h); not copied with the settings.
+    http::KeptHandle keptHandle;
 };
 
 CHttpClientCurl::CHttpClientCurl()
@@ -66,22 +70,22 @@ CHttpClientCurl::~CHttpClientCurl() {
 
 int CHttpClientCurl::InitCurl() {
     if (!s_bCurlGlobalInitDone.exchange(true)) curl_global_init(CURL_GLOBAL_ALL);
-    if (m_pCurl != nullptr) {
-        curl_easy_cleanup(m_pCurl);
-        m_pCurl = nullptr;
-    }
-    m_pCurl = curl_easy_init();
-    if (m_pCurl == nullptr) return 0;
+    Settings& s = EditSettings();
+    // Reset or replaced, the handle no longer points at the header list.
+    m_pCurl = s.keptHandle.Ready(m_pCurl, s.bReuseConnections && http::ProcessShare() != nullptr);
     if (m_pHeaderList != nullptr) {
         curl_slist_free_all(m_pHeaderList);
         m_pHeaderList = nullptr;
     }
-    return 1;
+    return m_pCurl != nullptr ? 1 : 0;
 }
 
 void CHttpClientCurl::Clear() {
     if (m_pCurl != nullptr) {
-        curl_easy_cleanup(m_pCurl);
+        if (m_pSettings)
+            m_pSettings->keptHandle.Release(m_pCurl);
+        else
+            curl_easy_cleanup(m_pCurl);
         m_pCurl = nullptr;
     }
     if (m_pHeaderList != nullptr) {
@@ -163,10 +167,13 @@ bool CHttpClientCurl::SetShareAndTrustOptions() {
         }
     }
     CURLSH* share = s.bReuseConnections ? http::ProcessShare() : nullptr;
+    // A kept handle keeps its share through the reset: it is set, or cleared, on every transfer.
+    if (m_pSettings) m_pSettings->keptHandle.SetOnShare(share != nullptr);
+    if (share == nullptr) return SetCurlOption(c, r, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
     // libcurl closes a pooled connection as soon as the pool holds more than MAXCONNECTS, those in
     // use included; at its default of 5, six threads at once would defeat reuse.
-    return share == nullptr || (SetCurlOption(c, r, CURLOPT_SHARE, share) &&
-                                SetCurlOption(c, r, CURLOPT_MAXCONNECTS, kPooledConnections));
+    return SetCurlOption(c, r, CURLOPT_SHARE, share) &&
+           SetCurlOption(c, r, CURLOPT_MAXCONNECTS, kPooledConnections);
 }
 
 int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy,

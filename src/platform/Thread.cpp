@@ -8,6 +8,7 @@
 #include "zoth/platform/Win32Thread.h"
 
 #include <pthread.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -182,6 +183,10 @@ DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds) {
 
 HANDLE GetCurrentProcess() {
     return reinterpret_cast<HANDLE>(static_cast<intptr_t>(-1));
+}
+
+DWORD GetCurrentProcessId() {
+    return static_cast<DWORD>(::getpid());
 }
 
 BOOL DuplicateHandle(HANDLE hSourceProcessHandle, HANDLE hSourceHandle, HANDLE hTargetProcessHandle,

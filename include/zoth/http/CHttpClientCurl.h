@@ -30,9 +30,10 @@ ZOTH_API extern std::string g_strLookupHost;
 
 /// A blocking HTTP/HTTPS client over libcurl, and a second road for plain HTTP over WinINet.
 ///
-/// Every transfer runs on the caller's thread on a new libcurl easy handle, and reports by its
-/// result (1/0) and GetResultCode(), libcurl's code of the latest transfer; an HTTP error status is
-/// no failure. One object runs one transfer at a time: only Stop() may be called from another
+/// Every transfer runs on the caller's thread on the object's libcurl easy handle, kept across its
+/// transfers and reset before each, so that each sees exactly the options a new handle would. It
+/// reports by its result (1/0) and GetResultCode(), libcurl's code of the latest transfer; an HTTP
+/// error status is no failure. One object runs one transfer at a time: only Stop() may be called from another
 /// thread while a transfer runs. Connections, DNS answers and TLS sessions are shared between
 /// transfers through one process-wide cache unless SetConnectionReuse(false). TLS certificates are
 /// not verified unless SetTlsVerify or SetTlsCaPath turns it on.
@@ -52,8 +53,10 @@ public:
     /// Releases the handle and the header list (Clear()). No transfer may be running.
     ~CHttpClientCurl();
 
-    /// Replaces the handle with a new one (the first call in the process initialises libcurl) and
-    /// drops the header list. 1 when a handle stands in m_pCurl, 0 when libcurl gave none.
+    /// Readies the handle for a transfer with no options set (the first call in the process
+    /// initialises libcurl) and drops the header list: the kept handle reset, or a new one when
+    /// connection reuse is off or the handle came from the parent of a forked process (which keeps
+    /// it; the child only forgets it). 1 when a handle stands in m_pCurl, 0 when libcurl gave none.
     int InitCurl();
     /// Releases handle and header list; settings, texts and counters stay.
     void Clear();
@@ -133,9 +136,9 @@ public:
     void SetProgressObserver(ProgressObserver observer);
 
     /// Connection reuse for every later libcurl transfer of this object; on by default. On, a transfer
-    /// draws connections, DNS answers and TLS sessions from one cache of the process, so a new handle
-    /// need not mean a new TCP and TLS handshake. Off, each transfer connects anew and its connection
-    /// closes with its handle.
+    /// draws connections, DNS answers and TLS sessions from one cache of the process, so a fresh object
+    /// need not mean a new TCP and TLS handshake. Off, each transfer runs on a new handle, connects
+    /// anew, and its connection closes with that handle (at the next transfer, Clear() or destruction).
     void SetConnectionReuse(bool reuse);
     /// TLS verification for every later libcurl transfer of this object; off by default, and HTTPS is
     /// then encrypted but not authenticated. On, the peer's certificate chain is checked against the

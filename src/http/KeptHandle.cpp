@@ -1,0 +1,27 @@
+// The kept easy handle: reset between transfers, replaced when it may not serve again.
+#include "http/KeptHandle.h"
+
+#include "zoth/platform/Win32Thread.h"
+
+namespace ZOTH::http {
+
+CURL* KeptHandle::Ready(CURL* current, bool onShare) {
+    const DWORD process = GetCurrentProcessId();
+    if (current != nullptr && m_dwProcess == process && m_bOnShare && onShare) {
+        // Options, callbacks, and the last transfer's info and authentication state are cleared; the
+        // share, and with it the pooled connections, DNS answers and TLS sessions, stays.
+        curl_easy_reset(current);
+        return current;
+    }
+    Release(current);
+    CURL* handle = curl_easy_init();
+    m_dwProcess = process;
+    return handle;
+}
+
+void KeptHandle::Release(CURL* handle) {
+    if (handle != nullptr && m_dwProcess == GetCurrentProcessId()) curl_easy_cleanup(handle);
+    m_bOnShare = false;
+}
+
+} // namespace ZOTH::http
