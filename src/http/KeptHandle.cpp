@@ -5,9 +5,9 @@
 
 namespace ZOTH::http {
 
-CURL* KeptHandle::Ready(CURL* current, bool onShare) {
+CURL* KeptHandle::Ready(CURL* current, Pool pool) {
     const DWORD process = GetCurrentProcessId();
-    if (current != nullptr && m_dwProcess == process && m_bOnShare && onShare) {
+    if (current != nullptr && m_dwProcess == process && pool != Pool::None && m_pool == pool) {
         // Options, callbacks, and the last transfer's info and authentication state are cleared; the
         // share, and with it the pooled connections, DNS answers and TLS sessions, stays.
         curl_easy_reset(current);
@@ -21,7 +21,7 @@ CURL* KeptHandle::Ready(CURL* current, bool onShare) {
 
 void KeptHandle::Release(CURL* handle) {
     if (handle != nullptr && m_dwProcess == GetCurrentProcessId()) curl_easy_cleanup(handle);
-    m_bOnShare = false;
+    m_pool = Pool::None;
 }
 
 } // namespace ZOTH::http

@@ -8,6 +8,10 @@
 
 namespace ZOTH::http {
 
+// Where a transfer's connections live: nowhere after it (each transfer connects anew and its
+// connection closes with its handle), or in the process's shared pool.
+enum class Pool { None, Shared };
+
 // What an object knows of its kept handle beyond the pointer, which the object holds itself. A copy
 // knows nothing: copies never share a handle.
 class KeptHandle {
@@ -17,20 +21,18 @@ public:
     KeptHandle& operator=(const KeptHandle&) { return *this; }
 
     // The handle for the next transfer, with no options set: `current` reset when it may serve again
-    // (made by this process, its last transfer on the shared pool, and `onShare` now), else `current`
-    // released and a new one made. Null when libcurl gave none.
-    CURL* Ready(CURL* current, bool onShare);
+    // (made by this process, its last transfer on the pool given now, which is not Pool::None), else
+    // `current` released and a new one made. Null when libcurl gave none.
+    CURL* Ready(CURL* current, Pool pool);
     // Lets `handle` go: cleaned up when this process made it; one inherited through fork is only
     // forgotten, since cleaning it up could touch the parent's connections and locks.
     void Release(CURL* handle);
-    // Records whether the transfer being prepared draws on the shared pool.
-    void SetOnShare(bool onShare) { m_bOnShare = onShare; }
+    // Records the pool of the transfer being prepared.
+    void SetPool(Pool pool) { m_pool = pool; }
 
 private:
     DWORD m_dwProcess = 0; // the process that made the handle
-    // A handle whose transfer ran off the pool holds its connection itself: it is replaced, so that
-    // the connection closes with it.
-    bool m_bOnShare = false;
+    Pool m_pool = Pool::None;
 };
 
 } // namespace ZOTH::http

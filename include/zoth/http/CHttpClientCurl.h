@@ -14,6 +14,10 @@
 
 namespace ZOTH {
 
+namespace http {
+struct ProxySettings;
+}
+
 /// The method of ExecuteRequest.
 enum EREQUEST_METHOD_tag {
     EREQUEST_METHOD_GET = 1,  ///< GET; the data argument is not sent.
@@ -150,7 +154,32 @@ public:
     /// system's store and leaves verification as it is.
     void SetTlsCaPath(std::string path);
 
+    /// The system's proxy settings for every later libcurl transfer of this object (requests,
+    /// downloads, uploads, probes) that is given no proxy argument; off by default, when only the
+    /// argument (and libcurl's reading of http_proxy-style variables) applies. On, the system's
+    /// answer for each URL, a list of proxies and direct connections, is tried in order until one is
+    /// reached. The WinINet road stays direct.
+    void SetSystemProxy(bool use);
+    /// The proxy the latest libcurl transfer went through, as a URL without credentials: the proxy
+    /// argument or the system's choice; "" when it went direct (or through a proxy that libcurl
+    /// itself took from the environment).
+    std::string GetLastProxy();
+    /// Credentials for any proxy of every later libcurl transfer, the proxy argument's and the
+    /// system's, by whatever scheme the proxy asks for (Basic, Digest, NTLM, Negotiate). An empty user
+    /// means the logged-in user's own (SSPI on Windows). They go to the proxy only, never to the origin
+    /// server, and show in no header text or message; Basic to an http:// proxy travels in clear. A
+    /// pooled connection or tunnel they authenticated serves no object without the same credentials.
+    void SetProxyCredentials(std::string user, std::string password);
+
 private:
+    // Proxy choice (ProxyOptions.cpp): sets the proxy argument, or lists the system's choices when
+    // there is none and the object asks for them. False when an option failed.
+    bool SetProxyOptions(const std::string& url, const std::string& proxy);
+    // curl_easy_perform, once, or on each listed proxy in turn until one is reached.
+    CURLcode PerformThroughProxies();
+    // The proxy part of this object's settings, made on first use.
+    http::ProxySettings& EditProxy();
+
     // Options shared by requests and uploads, in their fixed order. false when one failed.
     bool SetRequestOptions(const std::string& url, const std::string& proxy);
     // The option table shared by a download and a speed probe: progress callback on, a fixed
