@@ -9,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -257,4 +259,39 @@ TEST(SquidProxy, HttpsProxyVerifiedAgainstTheObjectsCa) {
     }
     EXPECT_NE(std::string::npos, squid.AccessLog().find("alice"));
     EXPECT_EQ("", plainSeen.Last().Header("Proxy-Authorization"));
+}
+
+// `zoth get -v` through an authenticating squid: the body, the proxy it went through (no
+// credentials in what it prints), and a malformed --proxy-user refused.
+TEST(SquidProxy, ZothToolTakesProxyOptions) {
+    const char* bin = std::getenv("ZOTH_TEST_BIN_DIR");
+    const std::filesystem::path tool =
+        std::filesystem::path(bin ? bin : "/nonexistent") / "../../tools/zoth/zoth";
+    if (!std::filesystem::exists(tool)) GTEST_SKIP() << "the zoth tool is not built";
+    LoopbackServer plain;
+    Recorder seen(plain);
+    ASSERT_TRUE(plain.Start());
+    SquidProxy squid("auth_param basic program /usr/lib/squid/basic_ncsa_auth DIR/passwd\n"
+                     "auth_param basic realm zoth\nacl authed proxy_auth REQUIRED\n"
+                     "http_access allow authed\nhttp_access deny all\n",
+                     {{"passwd", "alice:$1$zothsalt$g1mON80NIsxyBZ6Eujqew/\n"}});
+    REQUIRE_SQUID(squid);
+    const auto run = [&](const std::string& options) {
+        const std::string command = tool.string() + " get " + options + " " + plain.Url("/cli") + " 2>&1";
+        std::string output;
+        if (FILE* pipe = ::popen(command.c_str(), "r")) {
+            char buffer[4096];
+            for (size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
+                output.append(buffer, n);
+            ::pclose(pipe);
+        }
+        return output;
+    };
+    const std::string output = run("-v --proxy " + squid.Address() + " --proxy-user alice:secret");
+    EXPECT_NE(std::string::npos, output.find("GET:")) << output;
+    EXPECT_NE(std::string::npos, output.find("zoth: proxy: " + squid.Address())) << output;
+    EXPECT_EQ(std::string::npos, output.find("secret")) << output;
+    EXPECT_NE(std::string::npos, squid.AccessLog().find("alice"));
+    EXPECT_NE(std::string::npos, run("--proxy-user alice " + squid.Address()).find("needs USER:PASS"));
+    EXPECT_NE(std::string::npos, run("-v").find("zoth: proxy: none (direct)"));
 }
