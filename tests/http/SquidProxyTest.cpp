@@ -62,6 +62,23 @@ std::string Base64(const std::string& text) {
     return out;
 }
 
+// The squid's access log once it holds `line`, or after 10 s.
+std::string WaitForLog(const SquidProxy& squid, const std::string& line) {
+    for (int i = 0; i < 200 && squid.AccessLog().find(line) == std::string::npos; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    return squid.AccessLog();
+}
+
+// Sets an environment variable for the scope, then removes it.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value) : m_name(name) { ::setenv(name, value.c_str(), 1); }
+    ~ScopedEnv() { ::unsetenv(m_name); }
+
+private:
+    const char* m_name;
+};
+
 } // namespace
 
 TEST(SquidProxy, BasicDigestAndNtlmForHttpAndConnect) {
@@ -115,7 +132,7 @@ TEST(SquidProxy, BasicDigestAndNtlmForHttpAndConnect) {
             EXPECT_EQ(std::string::npos, headers.find("secret"));
             EXPECT_EQ(std::string::npos, headers.find(Base64("alice:secret")));
         }
-        EXPECT_NE(std::string::npos, squid.AccessLog().find("alice")) << squid.AccessLog();
+        EXPECT_NE(std::string::npos, WaitForLog(squid, "alice").find("alice")) << squid.AccessLog();
 
         // An object without credentials, right after: refused by the proxy, for HTTP with its answer
         // (1, 407), for HTTPS as a failed CONNECT (0) rather than riding the authenticated tunnel.
@@ -139,27 +156,6 @@ TEST(SquidProxy, BasicDigestAndNtlmForHttpAndConnect) {
         EXPECT_EQ(CURLE_RECV_ERROR, got.code);
     }
 }
-
-namespace {
-
-// The squid's access log once it holds `line`, or after 10 s.
-std::string WaitForLog(const SquidProxy& squid, const std::string& line) {
-    for (int i = 0; i < 200 && squid.AccessLog().find(line) == std::string::npos; ++i)
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    return squid.AccessLog();
-}
-
-// Sets an environment variable for the scope, then removes it.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : m_name(name) { ::setenv(name, value.c_str(), 1); }
-    ~ScopedEnv() { ::unsetenv(m_name); }
-
-private:
-    const char* m_name;
-};
-
-} // namespace
 
 // A PAC script served on loopback sends alpha.test to one squid, beta.test to another and loopback
 // direct; each squid's access log shows what went through it, HTTPS as CONNECT.
@@ -257,7 +253,7 @@ TEST(SquidProxy, HttpsProxyVerifiedAgainstTheObjectsCa) {
         EXPECT_EQ(c.result, got.result);
         EXPECT_EQ(c.code, got.code);
     }
-    EXPECT_NE(std::string::npos, squid.AccessLog().find("alice"));
+    EXPECT_NE(std::string::npos, WaitForLog(squid, "alice").find("alice"));
     EXPECT_EQ("", plainSeen.Last().Header("Proxy-Authorization"));
 }
 
@@ -291,7 +287,7 @@ TEST(SquidProxy, ZothToolTakesProxyOptions) {
     EXPECT_NE(std::string::npos, output.find("GET:")) << output;
     EXPECT_NE(std::string::npos, output.find("zoth: proxy: " + squid.Address())) << output;
     EXPECT_EQ(std::string::npos, output.find("secret")) << output;
-    EXPECT_NE(std::string::npos, squid.AccessLog().find("alice"));
+    EXPECT_NE(std::string::npos, WaitForLog(squid, "alice").find("alice"));
     EXPECT_NE(std::string::npos, run("--proxy-user alice " + squid.Address()).find("needs USER:PASS"));
     EXPECT_NE(std::string::npos, run("-v").find("zoth: proxy: none (direct)"));
 }
