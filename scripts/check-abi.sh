@@ -59,7 +59,9 @@ compare() {
   local base=$1
   shift
   diff_rc=0
-  report=$(abidiff "$@" "$base" "$lib") || diff_rc=$?
+  local suppressions=()
+  [ -f abi/suppressions.ini ] && suppressions=(--suppressions abi/suppressions.ini)
+  report=$(abidiff "${suppressions[@]}" "$@" "$base" "$lib") || diff_rc=$?
   if ((diff_rc & 3)); then
     echo "check-abi: abidiff could not compare $base with $lib (status $diff_rc)" >&2
     exit 1
