@@ -1,6 +1,7 @@
 // HTTP client throughput against the bench's own loopback server (BenchServer below: a minimal
 // HTTP/1.1 server, keep-alive, one thread per connection; TLS by OpenSSL with an RSA-2048
-// certificate, the common kind): small GETs, one fresh CHttpClientCurl per request, against raw
+// certificate, the common kind): small GETs, one fresh CHttpClientCurl per request and one object
+// repeating its requests, against raw
 // libcurl loops (a fresh handle on a share, a fresh handle alone, one kept handle: the ceiling) and
 // POCO's HTTPClientSession (fresh, kept alive), over HTTP and HTTPS, on one thread and on eight. The
 // ratios come last.
@@ -273,6 +274,13 @@ void BM_SmallGetLibraryFreshObjects(benchmark::State& state, bool tls) {
     const std::string url = ServerFor(tls).Url("/small");
     RunGets(state, [&] { return LibraryGet(url, true); });
 }
+// One object repeating its requests: its handle is kept across them.
+void BM_SmallGetLibraryOneObject(benchmark::State& state, bool tls) {
+    const std::string url = ServerFor(tls).Url("/small");
+    ZOTH::CHttpClientCurl client;
+    std::string response;
+    RunGets(state, [&] { return client.HttpGet(url, "", "", response) == 1 && response.size() == 64; });
+}
 void BM_SmallGetLibraryReuseOff(benchmark::State& state, bool tls) {
     const std::string url = ServerFor(tls).Url("/small");
     RunGets(state, [&] { return LibraryGet(url, false); });
@@ -310,6 +318,7 @@ void BM_SmallGetPocoKeptSession(benchmark::State& state, bool tls) {
     BENCHMARK_CAPTURE(name, http, false)->UseRealTime();                                                     \
     BENCHMARK_CAPTURE(name, https, true)->UseRealTime()
 SMALL_GET(BM_SmallGetLibraryFreshObjects);
+SMALL_GET(BM_SmallGetLibraryOneObject);
 SMALL_GET(BM_SmallGetLibraryReuseOff);
 SMALL_GET(BM_SmallGetRawFreshHandleOnShare);
 SMALL_GET(BM_SmallGetRawFreshHandleAlone);
@@ -412,6 +421,9 @@ int main(int argc, char** argv) {
         reporter.Ratio(lib, std::string("BM_SmallGetRawKeptHandle/") + p, "(ceiling)");
         reporter.Ratio(lib, std::string("BM_SmallGetPocoFreshSession/") + p, "");
         reporter.Ratio(lib, std::string("BM_SmallGetPocoKeptSession/") + p, "");
+        const std::string one = std::string("BM_SmallGetLibraryOneObject/") + p;
+        reporter.Ratio(one, std::string("BM_SmallGetRawKeptHandle/") + p, "target >= 0.95x");
+        reporter.Ratio(one, std::string("BM_SmallGetPocoKeptSession/") + p, "");
         reporter.Ratio(std::string("BM_EightThreadsLibraryFreshObjects/") + p,
                        std::string("BM_EightThreadsRawFreshHandleOnShare/") + p, "target >= 0.9x", false);
     }

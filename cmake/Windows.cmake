@@ -17,12 +17,17 @@ list(APPEND ZOTH_WARNINGS -Wpedantic)
 
 set(CMAKE_SHARED_LIBRARY_PREFIX "")
 # The system DLLs the platform calls live in, beyond the ones every mingw link has (kernel32, shell32,
-# ole32): version resources, WinINet, shell path calls.
-string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -lversion -lwininet -lshlwapi")
+# ole32): version resources, WinINet, shell path calls, WinHTTP's proxy settings.
+string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -lversion -lwininet -lshlwapi -lwinhttp")
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 
 file(GLOB_RECURSE _zoth_platform_sources CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/src/platform/*.cpp)
+# Except src/platform/windows: what the platform layer does with the system's own calls there.
+list(FILTER _zoth_platform_sources EXCLUDE REGEX "/src/platform/windows/")
+# winhttp.h and wininet.h declare the same names differently: a unit of its own.
+set_source_files_properties(${PROJECT_SOURCE_DIR}/src/platform/windows/SystemProxy.cpp PROPERTIES
+  SKIP_UNITY_BUILD_INCLUSION ON)
 set_source_files_properties(${_zoth_platform_sources} PROPERTIES HEADER_FILE_ONLY ON)
 # ... except the calls of the layer's own that Windows does not have.
 set_source_files_properties(${PROJECT_SOURCE_DIR}/src/platform/FileTemporaryWindows.cpp

@@ -5,7 +5,8 @@ set -euo pipefail
 
 PACKAGES=(
   make g++ cmake ninja-build pkg-config git ca-certificates
-  libcurl4-openssl-dev libsqlite3-dev
+  libcurl4-openssl-dev libsqlite3-dev libproxy-dev
+  libproxy1-plugin-webkit squid-openssl  # the proxy tests: PAC scripts run by libproxy, a real squid
   libgtest-dev libgmock-dev libbenchmark-dev libssl-dev libcpp-httplib-dev
   sqlite3 curl openssl time
   clang libclang-rt-14-dev clang-format

@@ -8,6 +8,8 @@
 #include "http/CurlShare.h"
 #include "http/DownloadSettings.h"
 #include "http/RetryPolicy.h"
+#include "http/KeptHandle.h"
+#include "http/ProxySettings.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -26,11 +28,27 @@ std::atomic<bool> s_bCurlGlobalInitDone{false};
 constexpr long kPooledConnections = 64;
 } // namespace
 
+namespace {
+// Where the connections of a transfer with these settings live: the shared pool unless reuse is off
+// or no share could be made. A connection authenticated to a proxy stays there too: libcurl matches
+// proxy credentials when it picks a pooled connection.
+template <typename S> http::Pool PoolOf(const S& s) {
+    if (!s.bReuseConnections) return http::Pool::None;
+    return http::ProcessShare() != nullptr ? http::Pool::Shared : http::Pool::None;
+}
+} // namespace
+
 struct CHttpClientCurl::Settings {
     bool bReuseConnections = true;
     bool bTlsVerify = false;
     std::string strCaPath; // empty: the system's trust store
     http::DownloadSettings download;
+
+    // The handle kept across transfers (KeptHandle.h); not copied with the settings.
+    http::KeptHandle keptHandle;
+
+    // The system's proxy and the last transfer's proxy (ProxyOptions.cpp).
+    http::ProxySettings proxy;
 };
 
 CHttpClientCurl::CHttpClientCurl()
@@ -69,19 +87,24 @@ CHttpClientCurl::~CHttpClientCurl() {
 
 int CHttpClientCurl::InitCurl() {
     if (!s_bCurlGlobalInitDone.exchange(true)) curl_global_init(CURL_GLOBAL_ALL);
-    http::ReleaseEasyHandle(m_pCurl);
-    m_pCurl = http::NewEasyHandle();
-    if (m_pCurl == nullptr) return 0;
+    Settings& s = EditSettings();
+    // Reset or replaced, the handle no longer points at the header list.
+    m_pCurl = s.keptHandle.Ready(m_pCurl, PoolOf(s));
     if (m_pHeaderList != nullptr) {
         curl_slist_free_all(m_pHeaderList);
         m_pHeaderList = nullptr;
     }
-    return 1;
+    return m_pCurl != nullptr ? 1 : 0;
 }
 
 void CHttpClientCurl::Clear() {
-    http::ReleaseEasyHandle(m_pCurl);
-    m_pCurl = nullptr;
+    if (m_pCurl != nullptr) {
+        if (m_pSettings)
+            m_pSettings->keptHandle.Release(m_pCurl);
+        else
+            curl_easy_cleanup(m_pCurl);
+        m_pCurl = nullptr;
+    }
     if (m_pHeaderList != nullptr) {
         curl_slist_free_all(m_pHeaderList);
         m_pHeaderList = nullptr;
@@ -113,26 +136,27 @@ bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::strin
            SetCurlOption(c, r, CURLOPT_ACCEPT_ENCODING, "") &&
            SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
            SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) &&
-           SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList) &&
-           (proxy.empty() || SetCurlOption(c, r, CURLOPT_PROXY, proxy.c_str())) && SetShareAndTrustOptions();
+           SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList) && SetProxyOptions(url, proxy) &&
+           SetShareAndTrustOptions();
 }
 
 bool CHttpClientCurl::SetFetchOptions(const std::string& url) {
     const bool verify = m_pSettings && m_pSettings->bTlsVerify;
     CURL* c = m_pCurl;
     CURLcode& r = m_resultCode;
-    const bool set =
-        SetCurlOption(c, r, CURLOPT_URL, url.c_str()) && SetCurlOption(c, r, CURLOPT_FILETIME, 1L) &&
-        SetCurlOption(c, r, CURLOPT_NOSIGNAL, 1L) && SetCurlOption(c, r, CURLOPT_NOPROGRESS, 0L) &&
-        SetCurlOption(c, r, CURLOPT_PROGRESSFUNCTION, &CurlProgressCallback) &&
-        SetCurlOption(c, r, CURLOPT_PROGRESSDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_WRITEFUNCTION, &CurlWriteCallback) &&
-        SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
-        SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
-        SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) &&
-        SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
-        SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) && SetShareAndTrustOptions();
+    const bool set = SetCurlOption(c, r, CURLOPT_URL, url.c_str()) &&
+                     SetCurlOption(c, r, CURLOPT_FILETIME, 1L) && SetCurlOption(c, r, CURLOPT_NOSIGNAL, 1L) &&
+                     SetCurlOption(c, r, CURLOPT_NOPROGRESS, 0L) &&
+                     SetCurlOption(c, r, CURLOPT_PROGRESSFUNCTION, &CurlProgressCallback) &&
+                     SetCurlOption(c, r, CURLOPT_PROGRESSDATA, static_cast<void*>(this)) &&
+                     SetCurlOption(c, r, CURLOPT_WRITEFUNCTION, &CurlWriteCallback) &&
+                     SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
+                     SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
+                     SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
+                     SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) &&
+                     SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
+                     SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) &&
+                     SetProxyOptions(url, "") && SetShareAndTrustOptions();
     return set;
 }
 
@@ -160,11 +184,25 @@ bool CHttpClientCurl::SetShareAndTrustOptions() {
                 return false;
         }
     }
-    CURLSH* share = s.bReuseConnections ? http::ProcessShare() : nullptr;
+    // An https:// proxy's own certificate is checked against the object's CA too, when one is set.
+    if (s.bTlsVerify && !s.strCaPath.empty()) {
+        std::error_code ec;
+        const bool folder = std::filesystem::is_directory(s.strCaPath, ec);
+        const CURLoption use = folder ? CURLOPT_PROXY_CAPATH : CURLOPT_PROXY_CAINFO;
+        const CURLoption unset = folder ? CURLOPT_PROXY_CAINFO : CURLOPT_PROXY_CAPATH;
+        if (!SetCurlOption(c, r, use, s.strCaPath.c_str()) ||
+            !SetCurlOption(c, r, unset, static_cast<const char*>(nullptr)))
+            return false;
+    }
+    const http::Pool pool = PoolOf(s);
+    CURLSH* share = pool == http::Pool::Shared ? http::ProcessShare() : nullptr;
+    // A kept handle keeps its share through the reset: it is set, or cleared, on every transfer.
+    if (m_pSettings) m_pSettings->keptHandle.SetPool(pool);
+    if (share == nullptr) return SetCurlOption(c, r, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
     // libcurl closes a pooled connection as soon as the pool holds more than MAXCONNECTS, those in
     // use included; at its default of 5, six threads at once would defeat reuse.
-    return share == nullptr || (SetCurlOption(c, r, CURLOPT_SHARE, share) &&
-                                SetCurlOption(c, r, CURLOPT_MAXCONNECTS, kPooledConnections));
+    return SetCurlOption(c, r, CURLOPT_SHARE, share) &&
+           SetCurlOption(c, r, CURLOPT_MAXCONNECTS, kPooledConnections);
 }
 
 int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url, std::string proxy,
@@ -331,7 +369,7 @@ CURLcode CHttpClientCurl::PerformStoppable(bool tellObserver) {
         if (SetCurlOption(m_pCurl, set, CURLOPT_XFERINFOFUNCTION, callback) &&
             SetCurlOption(m_pCurl, set, CURLOPT_XFERINFODATA, static_cast<void*>(this)) &&
             SetCurlOption(m_pCurl, set, CURLOPT_NOPROGRESS, 0L))
-            code = curl_easy_perform(m_pCurl);
+            code = PerformThroughProxies();
         else
             code = set;
         // A stop made during the transfer belongs to it, whether it ended the transfer or came late.
@@ -364,6 +402,10 @@ void CHttpClientCurl::SetProgressObserver(ProgressObserver observer) {
 CHttpClientCurl::Settings& CHttpClientCurl::EditSettings() {
     if (!m_pSettings) m_pSettings = std::make_unique<Settings>();
     return *m_pSettings;
+}
+
+http::ProxySettings& CHttpClientCurl::EditProxy() {
+    return EditSettings().proxy;
 }
 
 void CHttpClientCurl::SetConnectionReuse(bool reuse) {

@@ -4,7 +4,6 @@
 #include "zoth/platform/Win32Thread.h"
 
 #include <atomic>
-#include <cstdint>
 #include <mutex>
 
 namespace ZOTH::http {
@@ -65,25 +64,6 @@ CURLSH* ProcessShare() {
         delete made;
     }
     return share->handle;
-}
-
-CURL* NewEasyHandle() {
-    CURL* handle = curl_easy_init();
-    if (handle != nullptr) {
-        // The generation rides in the handle, so that a child can tell one it inherited.
-        const uintptr_t generation = GetForkGeneration();
-        curl_easy_setopt(handle, CURLOPT_PRIVATE, reinterpret_cast<void*>(generation));
-    }
-    return handle;
-}
-
-void ReleaseEasyHandle(CURL* handle) {
-    if (handle == nullptr) return;
-    void* made = nullptr;
-    curl_easy_getinfo(handle, CURLINFO_PRIVATE, &made);
-    // An easy handle from before a fork may hold one of the parent's connections and refers to the
-    // parent's share: the child lets it be rather than close what the parent still uses.
-    if (reinterpret_cast<uintptr_t>(made) == GetForkGeneration()) curl_easy_cleanup(handle);
 }
 
 } // namespace ZOTH::http

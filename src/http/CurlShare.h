@@ -1,5 +1,5 @@
-// The one libcurl share object of the process (connections, DNS answers and TLS sessions) and the
-// easy handles that use it, made safe across fork.
+// The one libcurl share object of the process (connections, DNS answers and TLS sessions), made
+// safe across fork. The easy handles that use it are kept per object (KeptHandle.h).
 #pragma once
 
 #include <curl/curl.h>
@@ -12,12 +12,5 @@ namespace ZOTH::http {
 // own on its first call: the inherited one, with the parent's sockets, is left untouched. Null when
 // libcurl could make none.
 CURLSH* ProcessShare();
-
-// curl_easy_init for a handle that ReleaseEasyHandle can tell apart after a fork. Null on failure.
-CURL* NewEasyHandle();
-
-// curl_easy_cleanup for a handle from NewEasyHandle, except in a forked child for a handle made
-// before the fork: that one may hold the parent's connection and is left as it is.
-void ReleaseEasyHandle(CURL* handle);
 
 } // namespace ZOTH::http

@@ -86,15 +86,17 @@ int CHttpClientCurl::WaitBeforeRetry(http::RetryClock& clock) {
     DWORD waitMs = 0;
     if (!clock.NextWait(m_resultCode, status, retryAfter, waitMs)) return 0;
     // Wakes every 10 ms to see a stop: a stop ends the wait at once and is used up.
-    const uint64_t end = http::NowMs() + waitMs;
+    // A time point, not whole milliseconds: the wait is never shorter than asked.
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(waitMs);
     for (;;) {
         if (m_bStopRequested.exchange(false)) {
             m_resultCode = CURLE_WRITE_ERROR;
             return -1;
         }
-        const uint64_t now = http::NowMs();
+        const auto now = std::chrono::steady_clock::now();
         if (now >= end) return 1;
-        std::this_thread::sleep_for(std::chrono::milliseconds(std::min<uint64_t>(end - now, 10)));
+        std::this_thread::sleep_for(
+            std::min<std::chrono::steady_clock::duration>(end - now, std::chrono::milliseconds(10)));
     }
 }
 

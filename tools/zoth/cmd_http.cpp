@@ -1,5 +1,6 @@
 // zoth commands and demo section of the http subsystem.
 #include "Commands.h"
+#include "ProxyFlags.h"
 
 #include "zoth/file/CFileHepler.h"
 #include "zoth/http/CHttpClientCurl.h"
@@ -37,7 +38,7 @@ int PrintBody(const std::string& body) {
 // and leaves what follows them in rest. Empty when they were well formed, else the message for Fail.
 std::string TakeTlsOptions(const Args& args, CHttpClientCurl& client, Args& rest) {
     size_t used = 0;
-    while (used < args.size() && args[used].rfind("--", 0) == 0) {
+    while (used < args.size() && args[used].size() > 1 && args[used][0] == '-') {
         if (args[used] == "--verify") {
             client.SetTlsVerify(true);
             used += 1;
@@ -46,7 +47,11 @@ std::string TakeTlsOptions(const Args& args, CHttpClientCurl& client, Args& rest
             client.SetTlsCaPath(args[used + 1]);
             used += 2;
         } else {
-            return "unknown option " + args[used];
+            // The proxy options and -v (ProxyFlags.cpp).
+            std::string error;
+            const int taken = TakeProxyOption(args, used, client, error);
+            if (taken < 0) return error;
+            if (taken == 0) return "unknown option " + args[used];
         }
     }
     rest.assign(args.begin() + static_cast<std::ptrdiff_t>(used), args.end());
@@ -64,9 +69,11 @@ int RunRequest(const Args& given, ZOTH::EREQUEST_METHOD_tag method, const char* 
     std::string data = args.size() == 2 ? args[1] : "";
     if (data == "-") data = ReadStdin();
     std::string response;
-    int ok = method == ZOTH::EREQUEST_METHOD_GET    ? client.HttpGet(args[0], "", data, response)
-             : method == ZOTH::EREQUEST_METHOD_POST ? client.HttpPost(args[0], "", data, response)
-                                                    : client.HttpPut(args[0], "", data, response);
+    const std::string& proxy = ProxyArgument();
+    int ok = method == ZOTH::EREQUEST_METHOD_GET    ? client.HttpGet(args[0], proxy, data, response)
+             : method == ZOTH::EREQUEST_METHOD_POST ? client.HttpPost(args[0], proxy, data, response)
+                                                    : client.HttpPut(args[0], proxy, data, response);
+    ReportProxy(client);
     if (!ok) return TransferFailed(name, client);
     return PrintBody(response);
 }
@@ -199,6 +206,7 @@ int RunDownload(const Args& given) {
     if (bad.empty()) bad = TakeTlsOptions(options, client, args);
     if (!bad.empty()) return Fail(bad);
     if (args.size() != 2) return Fail("download needs URL FILE");
+    if (!ProxyArgument().empty()) return Fail("download takes no --proxy; --system-proxy applies");
     if (int missing = NeedDll("download", kCurlDll)) return missing;
     ProgressBar bar;
     const bool draw = isatty(STDOUT_FILENO);
@@ -211,6 +219,7 @@ int RunDownload(const Args& given) {
     });
     const int ok = client.DownloadFile(args[0], args[1], "");
     bar.Finish();
+    ReportProxy(client);
     if (!ok) {
         if (client.GetResultCode() == CURLE_BAD_CONTENT_ENCODING)
             return Error("download failed: the content does not have the digest asked for; " + args[1] +
@@ -230,7 +239,9 @@ int RunUpload(const Args& given) {
     if (args.size() != 2) return Fail("upload needs URL FILE");
     if (int missing = NeedDll("upload", kCurlDll)) return missing;
     std::string response;
-    if (!client.HttpPostFile(args[0], "", "", args[1], response)) return TransferFailed("upload", client);
+    const int ok = client.HttpPostFile(args[0], ProxyArgument(), "", args[1], response);
+    ReportProxy(client);
+    if (!ok) return TransferFailed("upload", client);
     return PrintBody(response);
 }
 
@@ -240,6 +251,7 @@ int RunSpeed(const Args& given) {
     const std::string bad = TakeTlsOptions(given, client, args);
     if (!bad.empty()) return Fail(bad);
     if (args.size() != 2) return Fail("speed needs URL SECONDS");
+    if (!ProxyArgument().empty()) return Fail("speed takes no --proxy; --system-proxy applies");
     char* end = nullptr;
     long seconds = std::strtol(args[1].c_str(), &end, 10);
     if (end == args[1].c_str() || *end != '\0' || seconds <= 0 || seconds > 3600)
@@ -256,6 +268,7 @@ int RunSpeed(const Args& given) {
         });
     client.TestNetSpeed(args[0], static_cast<int>(seconds));
     bar.Finish();
+    ReportProxy(client);
     const CURLcode code = client.GetResultCode();
     // The limit ends a probe of a long stream with a write error: that is its ordinary end.
     if (code != CURLE_OK && code != CURLE_WRITE_ERROR) return TransferFailed("speed probe", client);
@@ -295,26 +308,37 @@ std::string Md5Hex(const std::string& data) {
 #define TLS_OPTIONS_HELP                                                                                     \
     "\n  --verify       verify the HTTPS server's certificate and host name (system trust store)"            \
     "\n  --cacert FILE  trust the CA certificates in FILE (or a hashed folder) instead; implies --verify"    \
-    "\nWithout them HTTPS is encrypted but not authenticated: any certificate is accepted."
+    "\nWithout them HTTPS is encrypted but not authenticated: any certificate is "                           \
+    "accepted." PROXY_OPTIONS_HELP
 
 std::vector<Command> HttpCommands() {
     return {
-        {"get", "get [--verify] [--cacert FILE] URL" TLS_OPTIONS_HELP, "GET a URL and print the body",
-         RunGet},
-        {"post", "post [--verify] [--cacert FILE] URL [DATA|-]" TLS_OPTIONS_HELP,
+        {"get",
+         "get [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] "
+         "URL" TLS_OPTIONS_HELP,
+         "GET a URL and print the body", RunGet},
+        {"post",
+         "post [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
+         "[DATA|-]" TLS_OPTIONS_HELP,
          "POST DATA (or standard input) and print the body", RunPost},
-        {"put", "put [--verify] [--cacert FILE] URL [DATA|-]" TLS_OPTIONS_HELP,
+        {"put",
+         "put [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
+         "[DATA|-]" TLS_OPTIONS_HELP,
          "PUT DATA (or standard input) and print the body", RunPut},
         {"download",
-         "download [--resume] [--sha256 HEX] [--md5 HEX] [--retry N] [--retry-max-time S] [--verify] "
-         "[--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
+         "download [-v] [--proxy-user USER:PASS] [--system-proxy] [--resume] [--sha256 HEX] [--md5 HEX] "
+         "[--retry N] [--retry-max-time S] [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
          "download a URL whole into FILE (only a complete 200 answer, with the digest asked for); --retry "
          "tries a passing failure N more times within S seconds; --resume keeps what a cut download received "
          "and continues from there next time",
          RunDownload},
-        {"upload", "upload [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
+        {"upload",
+         "upload [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
+         "FILE" TLS_OPTIONS_HELP,
          "post FILE as a multipart form and print the answer", RunUpload},
-        {"speed", "speed [--verify] [--cacert FILE] URL SECONDS" TLS_OPTIONS_HELP,
+        {"speed",
+         "speed [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
+         "SECONDS" TLS_OPTIONS_HELP,
          "measure download speed from URL for at most SECONDS", RunSpeed},
         {"wget", "wget HOST PATH", "plain HTTP GET of PATH from HOST on port 80", RunWget},
     };

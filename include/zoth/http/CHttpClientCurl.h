@@ -17,6 +17,7 @@ namespace ZOTH {
 namespace http {
 struct DownloadSettings;
 struct DownloadCheck;
+struct ProxySettings;
 class RetryClock;
 } // namespace http
 
@@ -36,9 +37,10 @@ ZOTH_API extern std::string g_strLookupHost;
 
 /// A blocking HTTP/HTTPS client over libcurl, and a second road for plain HTTP over WinINet.
 ///
-/// Every transfer runs on the caller's thread on a new libcurl easy handle, and reports by its
-/// result (1/0) and GetResultCode(), libcurl's code of the latest transfer; an HTTP error status is
-/// no failure. One object runs one transfer at a time: only Stop() may be called from another
+/// Every transfer runs on the caller's thread on the object's libcurl easy handle, kept across its
+/// transfers and reset before each, so that each sees exactly the options a new handle would. It
+/// reports by its result (1/0) and GetResultCode(), libcurl's code of the latest transfer; an HTTP
+/// error status is no failure. One object runs one transfer at a time: only Stop() may be called from another
 /// thread while a transfer runs. Connections, DNS answers and TLS sessions are shared between
 /// transfers through one process-wide cache unless SetConnectionReuse(false). TLS certificates are
 /// not verified unless SetTlsVerify or SetTlsCaPath turns it on.
@@ -58,8 +60,10 @@ public:
     /// Releases the handle and the header list (Clear()). No transfer may be running.
     ~CHttpClientCurl();
 
-    /// Replaces the handle with a new one (the first call in the process initialises libcurl) and
-    /// drops the header list. 1 when a handle stands in m_pCurl, 0 when libcurl gave none.
+    /// Readies the handle for a transfer with no options set (the first call in the process
+    /// initialises libcurl) and drops the header list: the kept handle reset, or a new one when
+    /// connection reuse is off or the handle came from the parent of a forked process (which keeps
+    /// it; the child only forgets it). 1 when a handle stands in m_pCurl, 0 when libcurl gave none.
     int InitCurl();
     /// Releases handle and header list; settings, texts and counters stay.
     void Clear();
@@ -140,9 +144,9 @@ public:
     void SetProgressObserver(ProgressObserver observer);
 
     /// Connection reuse for every later libcurl transfer of this object; on by default. On, a transfer
-    /// draws connections, DNS answers and TLS sessions from one cache of the process, so a new handle
-    /// need not mean a new TCP and TLS handshake. Off, each transfer connects anew and its connection
-    /// closes with its handle.
+    /// draws connections, DNS answers and TLS sessions from one cache of the process, so a fresh object
+    /// need not mean a new TCP and TLS handshake. Off, each transfer runs on a new handle, connects
+    /// anew, and its connection closes with that handle (at the next transfer, Clear() or destruction).
     void SetConnectionReuse(bool reuse);
     /// TLS verification for every later libcurl transfer of this object; off by default, and HTTPS is
     /// then encrypted but not authenticated. On, the peer's certificate chain is checked against the
@@ -193,6 +197,25 @@ public:
     /// result and code stand.
     void SetRetryPolicy(int attempts, DWORD budgetMs, DWORD firstWaitMs = 1000);
 
+    // ---- Proxies (ProxyOptions.cpp). Each setting is copied with the object.
+
+    /// The system's proxy settings for every later libcurl transfer of this object (requests,
+    /// downloads, uploads, probes) that is given no proxy argument; off by default, when only the
+    /// argument (and libcurl's reading of http_proxy-style variables) applies. On, the system's
+    /// answer for each URL, a list of proxies and direct connections, is tried in order until one is
+    /// reached. The WinINet road stays direct.
+    void SetSystemProxy(bool use);
+    /// The proxy the latest libcurl transfer went through, as a URL without credentials: the proxy
+    /// argument or the system's choice; "" when it went direct (or through a proxy that libcurl
+    /// itself took from the environment).
+    std::string GetLastProxy();
+    /// Credentials for any proxy of every later libcurl transfer, the proxy argument's and the
+    /// system's, by whatever scheme the proxy asks for (Basic, Digest, NTLM, Negotiate). An empty user
+    /// means the logged-in user's own (SSPI on Windows). They go to the proxy only, never to the origin
+    /// server, and show in no header text or message; Basic to an http:// proxy travels in clear. A
+    /// pooled connection or tunnel they authenticated serves no object without the same credentials.
+    void SetProxyCredentials(std::string user, std::string password);
+
 private:
     // The download and retry settings, or null when all are default / made on first change.
     const http::DownloadSettings* DownloadSettingsOrNull() const;
@@ -204,6 +227,13 @@ private:
     int RequestOnce(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
                     const std::string& postData, std::string& response);
     int DownloadOnce(const std::string& url, const std::string& filePath, const http::DownloadCheck& check);
+    // Proxy choice (ProxyOptions.cpp): sets the proxy argument, or lists the system's choices when
+    // there is none and the object asks for them. False when an option failed.
+    bool SetProxyOptions(const std::string& url, const std::string& proxy);
+    // curl_easy_perform, once, or on each listed proxy in turn until one is reached.
+    CURLcode PerformThroughProxies();
+    // The proxy part of this object's settings, made on first use.
+    http::ProxySettings& EditProxy();
 
     // Options shared by requests and uploads, in their fixed order. false when one failed.
     bool SetRequestOptions(const std::string& url, const std::string& proxy);

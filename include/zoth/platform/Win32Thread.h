@@ -35,6 +35,9 @@ ZOTH_API DWORD WaitForSingleObject(HANDLE hHandle, DWORD dwMilliseconds);
 /// The pseudo handle of the current process, for DuplicateHandle.
 ZOTH_API HANDLE GetCurrentProcess();
 
+/// The current process's id; a forked child has an id of its own.
+ZOTH_API DWORD GetCurrentProcessId();
+
 /// A second handle to the same event or thread; each handle is closed on its own. Only the current
 /// process is supported. FALSE with ERROR_INVALID_HANDLE for other kinds of handle.
 ZOTH_API BOOL DuplicateHandle(HANDLE hSourceProcessHandle, HANDLE hSourceHandle, HANDLE hTargetProcessHandle,

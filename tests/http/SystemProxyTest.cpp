@@ -1,0 +1,200 @@
+// The system's proxy, opted into per object: a PAC script served on loopback and named by the
+// environment (never WPAD) picks a proxy, a list to try in order, or a direct connection by host,
+// for every kind of transfer; the proxy argument still wins; GetLastProxy tells which was used.
+#include "zoth/http/CHttpClientCurl.h"
+
+#include "LoopbackServer.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+
+using ZOTH::CHttpClientCurl;
+using zoth_test::LoopbackServer;
+using zoth_test::Recorder;
+using zoth_test::TempDir;
+
+namespace {
+
+// A forward proxy for plain HTTP: takes absolute-form GETs and POSTs for any host, sends them on to
+// the same port on 127.0.0.1, and records "METHOD target" of each.
+class RelayProxy {
+public:
+    RelayProxy() {
+        auto relay = [this](const httplib::Request& req, httplib::Response& res, std::string body) {
+            {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_seen.push_back(req.method + " " + req.target);
+            }
+            const size_t authority = req.target.find("://");
+            const size_t colon = req.target.find(':', authority + 3);
+            const size_t slash = req.target.find('/', authority + 3);
+            if (authority == std::string::npos || colon == std::string::npos || slash == std::string::npos)
+                return void(res.status = 400);
+            httplib::Request forward;
+            forward.method = req.method;
+            forward.path = req.target.substr(slash);
+            for (const auto& [name, value] : req.headers)
+                if (name == "Content-Type" || name == "X-Test") forward.headers.emplace(name, value);
+            forward.body = std::move(body);
+            httplib::Client client("127.0.0.1", std::stoi(req.target.substr(colon + 1, slash - colon - 1)));
+            httplib::Response answer;
+            httplib::Error error;
+            if (!client.send(forward, answer, error)) return void(res.status = 502);
+            res.status = answer.status;
+            res.set_content(answer.body, answer.get_header_value("Content-Type").c_str());
+        };
+        m_server.Http().Get(
+            ".*", [relay](const httplib::Request& req, httplib::Response& res) { relay(req, res, ""); });
+        m_server.Http().Post(".*", [relay](const httplib::Request& req, httplib::Response& res,
+                                           const httplib::ContentReader& read) {
+            std::string body;
+            const std::string type = req.get_header_value("Content-Type");
+            const_cast<httplib::Request&>(req).headers.erase("Content-Type"); // multipart comes raw
+            read([&](const char* data, size_t size) { return body.append(data, size), true; });
+            const_cast<httplib::Request&>(req).headers.emplace("Content-Type", type);
+            relay(req, res, std::move(body));
+        });
+        if (!m_server.Start()) throw std::runtime_error("proxy cannot listen");
+    }
+    int Port() const { return m_server.Port(); }
+    std::vector<std::string> Seen() {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_seen;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_seen;
+    LoopbackServer m_server; // last: stopped before what its handler uses goes away
+};
+
+// Sets an environment variable for the scope, then removes it.
+class ScopedEnv {
+public:
+    ScopedEnv(const char* name, const std::string& value) : m_name(name) { ::setenv(name, value.c_str(), 1); }
+    ~ScopedEnv() { ::unsetenv(m_name); }
+
+private:
+    const char* m_name;
+};
+
+// A port on 127.0.0.1 where nothing listens (bound, then closed).
+int DeadPort() {
+    LoopbackServer server;
+    if (!server.Start()) return 9;
+    return server.Port();
+}
+
+} // namespace
+
+TEST(SystemProxy, PacScriptChoosesProxyListOrDirectByHost) {
+    LoopbackServer origin;
+    Recorder recorder(origin);
+    ASSERT_TRUE(origin.Start());
+    RelayProxy first, second;
+    const int dead = DeadPort();
+    LoopbackServer pac;
+    const std::string script = "function FindProxyForURL(url, host) {\n"
+                               "  if (host == 'alpha.test') return 'PROXY 127.0.0.1:" +
+                               std::to_string(first.Port()) +
+                               "';\n"
+                               "  if (host == 'beta.test') return 'PROXY 127.0.0.1:" +
+                               std::to_string(dead) + "; PROXY 127.0.0.1:" + std::to_string(second.Port()) +
+                               "; DIRECT';\n"
+                               "  return 'DIRECT';\n"
+                               "}\n";
+    pac.Http().Get("/proxy.pac", [&](const httplib::Request&, httplib::Response& res) {
+        res.set_content(script, "application/x-ns-proxy-autoconfig");
+    });
+    ASSERT_TRUE(pac.Start());
+    // libproxy reads http_proxy; "pac+" makes it fetch and run the script.
+    ScopedEnv env("http_proxy", "pac+" + pac.Url("/proxy.pac"));
+
+    const std::string port = std::to_string(origin.Port());
+    const std::string alpha = "http://alpha.test:" + port, beta = "http://beta.test:" + port;
+    const std::string firstUrl = "http://127.0.0.1:" + std::to_string(first.Port());
+    const std::string secondUrl = "http://127.0.0.1:" + std::to_string(second.Port());
+    TempDir dir;
+    const std::string upload = dir / "upload.txt";
+    std::ofstream(upload) << "uploaded";
+
+    CHttpClientCurl client;
+    client.SetSystemProxy(true);
+    std::string response;
+    struct Case {
+        const char* name;
+        std::function<int()> run;
+        std::string proxy; // GetLastProxy afterwards
+    };
+    const Case cases[] = {
+        {"GET, first proxy", [&] { return client.HttpGet(alpha + "/get", "", "", response); }, firstUrl},
+        {"POST, second proxy after a dead one",
+         [&] { return client.HttpPost(beta + "/post", "", "body", response); }, secondUrl},
+        {"download", [&] { return client.DownloadFile(alpha + "/file", dir / "file", ""); }, firstUrl},
+        {"upload", [&] { return client.HttpPostFile(beta + "/upload", "", "", upload, response); },
+         secondUrl},
+        {"probe",
+         [&] {
+             client.TestNetSpeed(alpha + "/probe", 30);
+             return client.GetResultCode() == CURLE_OK ? 1 : 0;
+         },
+         firstUrl},
+        {"loopback host: direct", [&] { return client.HttpGet(origin.Url("/direct"), "", "", response); },
+         ""},
+        {"the proxy argument wins",
+         [&] { return client.HttpGet(alpha + "/argument", secondUrl, "", response); }, secondUrl},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        EXPECT_EQ(1, c.run()) << client.GetResultCode();
+        EXPECT_EQ(c.proxy, client.GetLastProxy());
+    }
+    EXPECT_EQ((std::vector<std::string>{"GET " + alpha + "/get", "GET " + alpha + "/file",
+                                        "GET " + alpha + "/probe"}),
+              first.Seen());
+    EXPECT_EQ((std::vector<std::string>{"POST " + beta + "/post", "POST " + beta + "/upload",
+                                        "GET " + alpha + "/argument"}),
+              second.Seen());
+
+    // A copy asks the system too; an object that did not opt in takes only the proxy argument (the
+    // environment's "pac+" URL is no proxy libcurl can use, so it fails rather than go direct).
+    CHttpClientCurl copy(client);
+    EXPECT_EQ(1, copy.HttpGet(alpha + "/copy", "", "", response)) << copy.GetResultCode();
+    EXPECT_EQ(firstUrl, copy.GetLastProxy());
+    CHttpClientCurl plain;
+    EXPECT_EQ(0, plain.HttpGet(origin.Url("/plain"), "", "", response));
+    EXPECT_EQ("", plain.GetLastProxy());
+    EXPECT_EQ(4u, first.Seen().size());
+}
+
+TEST(SystemProxy, CredentialsOfTheSystemsProxyAreUsedButNeverReported) {
+    LoopbackServer origin;
+    Recorder recorder(origin);
+    ASSERT_TRUE(origin.Start());
+    RelayProxy proxy;
+    const std::string address = "127.0.0.1:" + std::to_string(proxy.Port());
+    ScopedEnv env("http_proxy", "http://user:secret@" + address);
+    CHttpClientCurl client;
+    client.SetSystemProxy(true);
+    std::string response;
+    ASSERT_EQ(1,
+              client.HttpGet("http://named.test:" + std::to_string(origin.Port()) + "/x", "", "", response))
+        << client.GetResultCode();
+    EXPECT_EQ(1u, proxy.Seen().size());
+    EXPECT_EQ(std::string::npos, client.GetLastProxy().find("secret"));
+    EXPECT_NE(std::string::npos, client.GetLastProxy().find(address));
+
+    // A proxy argument's credentials are stripped the same way.
+    const std::string stripped = "http://" + address;
+    const std::string arguments[] = {"http://user:secret@" + address, "user:secret@" + address,
+                                     "http://user@" + address};
+    const std::string expected[] = {stripped, address, stripped};
+    for (size_t i = 0; i < std::size(arguments); ++i) {
+        EXPECT_EQ(1, client.HttpGet("http://named.test:" + std::to_string(origin.Port()) + "/y", arguments[i],
+                                    "", response))
+            << arguments[i];
+        EXPECT_EQ(expected[i], client.GetLastProxy());
+    }
+}
