@@ -1,14 +1,15 @@
 #!/usr/bin/env bash
-# The Windows step: cross-builds ZOTHCommonDll.dll, zoth.exe and the test programs with mingw-w64
-# (preset windows), then runs under Wine, headless, in a prefix of its own:
-# - the GoogleTest programs of the suites that need neither libcurl nor SQLite (text, files, tasks
-#   and timers, the WinINet road, the umbrella client), with gtest's own output;
-# - zoth.exe: a digest, the DLL's version resource, the one-line refusal of commands whose DLL
-#   cannot be loaded, `wget` against a loopback server on port 80, and the demo with its skipped steps;
-# - the examples, built as Windows clients of the DLL (the timer example runs).
-# The database suites are built (so they compile and link for Windows) but not run: no sqlite3.dll
-# exists here to load. The libcurl HTTP suite is compiled but not linked: its loopback servers are
-# cpp-httplib with OpenSSL, which Debian does not build for mingw.
+# The Windows step: builds libcurl and SQLite for Windows from Debian's sources when they are not in
+# the cache yet (scripts/build-windows-deps.sh), cross-builds ZOTHCommonDll.dll, zoth.exe and the test
+# programs with mingw-w64 (preset windows), then runs under Wine (Windows 10 mode), headless, in a
+# prefix of its own:
+# - every GoogleTest program: text, files, tasks and timers, the WinINet road, HTTP over libcurl
+#   (plain-HTTP servers in the program; TLS against Linux-side servers, tests/support/tls_servers.py,
+#   that this script starts and stops), the database suites and the umbrella client;
+# - zoth.exe: a digest, the DLL's version resource, get/download/upload/speed/sql against the
+#   Linux-side servers, TLS verification with a CA file, `wget` against a loopback server on port 80,
+#   and the demo;
+# - the examples, built as Windows clients of the installed package with CMake, and run.
 #
 # usage: scripts/run-windows-tests.sh
 # Ends with "N passed, N failed"; exits non-zero on any failure.
@@ -22,6 +23,11 @@ for tool in x86_64-w64-mingw32-g++-posix wine; do
   fi
 done
 
+step_start=$(date +%s)
+echo "--- libcurl and SQLite for Windows (scripts/build-windows-deps.sh)"
+deps_start=$(date +%s)
+bash scripts/build-windows-deps.sh >/dev/null || exit 1
+echo "--- libcurl and SQLite ready in $(($(date +%s) - deps_start)) s"
 echo "--- build (preset windows)"
 cmake --preset windows >/dev/null || exit 1
 cmake --build --preset windows || exit 1
@@ -30,8 +36,10 @@ bin=build/windows/bin
 work=$(mktemp -d /tmp/zoth-windows-XXXXXX)
 export WINEPREFIX=$work/prefix WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml=" LANG=C.UTF-8 LC_ALL=C.UTF-8
 server_pid=""
+tls_pid=""
 cleanup() {
   [ -n "$server_pid" ] && kill "$server_pid" 2>/dev/null && wait "$server_pid" 2>/dev/null
+  [ -n "$tls_pid" ] && kill "$tls_pid" 2>/dev/null && wait "$tls_pid" 2>/dev/null
   wineserver -k >/dev/null 2>&1
   rm -rf "$work"
 }
@@ -39,7 +47,24 @@ trap cleanup EXIT
 
 start=$(date +%s)
 wine wineboot --init >/dev/null 2>&1
+# Windows 10 mode: Wine's default (Windows 7) refuses a certificate that names its host only in the
+# subjectAltName, as the test certificates do.
+wine winecfg -v win10 >/dev/null 2>&1
 echo "--- wine prefix ready in $(($(date +%s) - start)) s ($WINEPREFIX)"
+
+# The Linux-side servers: HTTPS with the run's own CA, and plain HTTP (tests/support/tls_servers.py).
+mkdir -p "$work/tls"
+python3 tests/support/tls_servers.py "$work/tls" 2>"$work/tls.log" &
+tls_pid=$!
+for _ in $(seq 1 300); do [ -e "$work/tls/fixture.txt" ] && break; sleep 0.1; done
+if [ ! -e "$work/tls/fixture.txt" ]; then
+  cat "$work/tls.log"
+  echo "run-windows-tests: the Linux-side servers did not start" >&2
+  exit 1
+fi
+export ZOTH_TLS_FIXTURE
+ZOTH_TLS_FIXTURE=$(winepath -w "$work/tls/fixture.txt" 2>/dev/null)
+fixture() { sed -n "s/^$1=//p" "$work/tls/fixture.txt"; }
 
 passed=0
 failed=0
@@ -65,7 +90,8 @@ run_gtest() {
   fi
 }
 
-for program in text_tests file_tests task_tests wininet_tests umbrella_client_tests; do
+for program in text_tests file_tests task_tests wininet_tests http_tests database_tests database_demo_tests \
+  umbrella_client_tests; do
   run_gtest "$program"
 done
 
@@ -81,22 +107,41 @@ out=$(zoth version ZOTHCommonDll.dll 2>&1 | tr -d '\r')
 [[ "$out" == "$version.0 (packed "* ]] && pass "zoth version ZOTHCommonDll.dll: $out" ||
   fail "zoth version ZOTHCommonDll.dll: $out (expected $version.0)"
 
-# Commands whose DLL cannot be loaded: one line on stderr naming it, exit 1, no crash.
-refused() { # refused DLL COMMAND...
-  local dll=$1 err status
-  shift
-  err=$(zoth "$@" 2>&1 >/dev/null)
+# The HTTP and SQL commands against the Linux-side servers and a database file.
+plain="http://127.0.0.1:$(fixture plain)"
+good_localhost="https://localhost:$(fixture good)"
+expect() { # expect NAME WANTED_STATUS WANTED_OUTPUT COMMAND...: status and standard output
+  local name=$1 want_status=$2 want=$3 out status
+  shift 3
+  out=$(zoth "$@" 2>"$work/err" | tr -d '\r')
   status=$?
-  err=${err//$'\r'/}
-  if [ "$status" -eq 1 ] && [ "$(printf '%s\n' "$err" | wc -l)" -eq 1 ] && [[ "$err" == *"$dll"* ]]; then
-    pass "zoth $1 without $dll: $err"
+  if [ "$status" -eq "$want_status" ] && [ "$out" = "$want" ]; then
+    pass "zoth $name"
   else
-    fail "zoth $1 without $dll: exit $status, said: $err"
+    fail "zoth $name: exit $status, said: $out $(tr -d '\r' <"$work/err")"
   fi
 }
-refused libcurl-x64.dll get http://127.0.0.1:9/
-refused libcurl-x64.dll download http://127.0.0.1:9/x "$(winepath -w "$work")\\x"
-refused sqlite3.dll sql "$(winepath -w "$work")\\x.db" "SELECT 1"
+expect "get http" 0 "/hello:" get "$plain/hello"
+expect "post http" 0 "/p:data" post "$plain/p" data
+printf 'uploaded bytes' >"$work/up.txt"
+expect "upload http" 0 "/up:uploaded bytes" upload "$plain/up" "$(winepath -w "$work/up.txt")"
+expect "download http" 0 "" download "$plain/big/1000000" "$(winepath -w "$work/dl.bin")"
+[ "$(stat -c %s "$work/dl.bin" 2>/dev/null)" = 1000000 ] && pass "zoth download: 1000000 bytes written" ||
+  fail "zoth download: $(stat -c %s "$work/dl.bin" 2>&1)"
+out=$(zoth speed "$plain/big/5000000" 2 2>&1 | tr -d '\r')
+[ $? -eq 0 ] && [ -n "$out" ] && pass "zoth speed: $(echo "$out" | tail -1)" || fail "zoth speed: $out"
+ca=$(fixture ca)
+other_ca=$(fixture other_ca)
+expect "get --cacert ca.pem https://localhost" 0 "/tls:" get --cacert "$ca" "$good_localhost/tls"
+out=$(zoth get --cacert "$other_ca" "$good_localhost/tls" 2>&1 | tr -d '\r')
+status=$?
+[ "$status" -ne 0 ] && [[ "$out" == *"libcurl code 60"* ]] && pass "zoth get --cacert other-ca.pem: $out" ||
+  fail "zoth get --cacert other-ca.pem: exit $status, said: $out"
+db=$(winepath -w "$work/cli.db")
+expect "sql --exec" 0 "" sql --exec "$db" "CREATE TABLE t(a, b); INSERT INTO t VALUES(1, 'x');"
+expect "sql SELECT" 0 $'a\tb\n1\tx' sql "$db" "SELECT a, b FROM t"
+out=$(sqlite3 "$work/cli.db" "SELECT b FROM t WHERE a = 1" 2>&1)
+[ "$out" = x ] && pass "Linux's sqlite3 reads the database zoth.exe wrote" || fail "Linux's sqlite3: $out"
 
 # wget: WinINet on port 80 against a one-answer server on the Linux side of loopback.
 perl -MIO::Socket::INET -e '

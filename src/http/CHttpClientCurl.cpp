@@ -6,6 +6,7 @@
 
 #include "http/CurlOption.h"
 #include "http/CurlShare.h"
+#include "http/TlsTrust.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -146,21 +147,7 @@ bool CHttpClientCurl::SetShareAndTrustOptions() {
     if (s.bTlsVerify) {
         // libcurl takes the CA settings into account when it picks a pooled connection or a cached
         // TLS session, so a verifying transfer never rides on one that was made without verification.
-        std::error_code ec;
-        if (s.strCaPath.empty()) {
-            // The system's store: libcurl's built-in bundle here, the native store where it has one.
-            if (!SetCurlOption(c, r, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA)))
-                return false;
-        } else if (std::filesystem::is_directory(s.strCaPath, ec)) {
-            // Instead of the system's store: its default bundle file is unset.
-            if (!SetCurlOption(c, r, CURLOPT_CAPATH, s.strCaPath.c_str()) ||
-                !SetCurlOption(c, r, CURLOPT_CAINFO, static_cast<const char*>(nullptr)))
-                return false;
-        } else {
-            if (!SetCurlOption(c, r, CURLOPT_CAINFO, s.strCaPath.c_str()) ||
-                !SetCurlOption(c, r, CURLOPT_CAPATH, static_cast<const char*>(nullptr)))
-                return false;
-        }
+        if (!http::SetTrustOptions(c, r, s.strCaPath)) return false;
     }
     CURLSH* share = s.bReuseConnections ? http::ProcessShare() : nullptr;
     // libcurl closes a pooled connection as soon as the pool holds more than MAXCONNECTS, those in
