@@ -62,6 +62,9 @@ inline int RunCommand(const std::string& command, std::string& out) {
     char buffer[4096];
     for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
         out.append(buffer, n);
+    if (kWindows) // Windows programs end their text lines with CR LF
+        for (size_t at; (at = out.find("\r\n")) != std::string::npos;)
+            out.erase(at, 1);
     return ClosePipe(pipe);
 }
 
