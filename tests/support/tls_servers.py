@@ -12,7 +12,7 @@ and served on ephemeral ports of 127.0.0.1:
   plain       plain HTTP
 Every answer carries a Content-Length (Wine's TLS does not see the end of a body that ends with the
 connection). GET, PUT and POST answer "path:body", where an uploaded part named "file" stands for the
-body; /big/N answers N bytes; a path that starts with /close ends its connection.
+body; /big/N answers N bytes, /slow/S a body of S seconds; a path that starts with /close ends its connection.
 DIR/fixture.txt lists the ports and the files as key=value lines (files as Wine sees them, on Z:),
 and is written last: its presence means every server listens. Runs until killed.
 
@@ -24,6 +24,7 @@ import ssl
 import subprocess
 import sys
 import threading
+import time
 
 EXTENSIONS = """[req]
 distinguished_name = dn
@@ -78,6 +79,15 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def answer(self):
         length = int(self.headers.get("Content-Length") or 0)
         body = self.rfile.read(length) if length else b""
+        if self.path.startswith("/slow/"):  # 64 KiB every 50 ms for the given seconds
+            pieces = int(self.path[6:]) * 20
+            self.send_response(200)
+            self.send_header("Content-Length", str(pieces << 16))
+            self.end_headers()
+            for _ in range(pieces):
+                self.wfile.write(b"s" * (1 << 16))
+                time.sleep(0.05)
+            return
         if self.path.startswith("/big/"):
             size = int(self.path[5:])
             data = bytes(((i * 131 + i // 7) & 0xFF) for i in range(min(size, 1 << 16))) * (size // (1 << 16) + 1)
