@@ -38,7 +38,8 @@ std::string CertificatesOfFolder(const std::string& folder) {
     std::string bundle;
     for (; !ec && it != end; it.increment(ec)) {
         std::error_code fileError;
-        if (!it->is_regular_file(fileError) || it->file_size(fileError) > kMaxCertificateFile || fileError) continue;
+        if (!it->is_regular_file(fileError) || it->file_size(fileError) > kMaxCertificateFile || fileError)
+            continue;
         std::ifstream in(it->path(), std::ios::binary);
         std::stringstream content;
         content << in.rdbuf();

@@ -48,9 +48,13 @@ public:
         }
         m_server->set_keep_alive_timeout(1); // idle keep-alive connections would hold Stop() for 5 s
     }
-    ~LoopbackServer() { Stop(); }
+    ~LoopbackServer() {
+        Stop();
+    }
 
-    httplib::Server& Http() { return *m_server; }
+    httplib::Server& Http() {
+        return *m_server;
+    }
 
     // Binds 127.0.0.1 (port 0: any free port) and serves on a thread. false when the port is taken.
     bool Start(int port = 0) {
@@ -70,7 +74,9 @@ public:
         }
     }
 
-    int Port() const { return m_port; }
+    int Port() const {
+        return m_port;
+    }
     std::string Url(const std::string& path) const {
         return m_scheme + "://127.0.0.1:" + std::to_string(m_port) + path;
     }

@@ -21,8 +21,8 @@ using zoth_test::TlsFixture;
 
 namespace {
 
-#define NEED_FIXTURE(fixture)                                                                                 \
-    if (!(fixture).Present())                                                                                 \
+#define NEED_FIXTURE(fixture)                                                                                \
+    if (!(fixture).Present())                                                                                \
     GTEST_SKIP() << "no Linux-side TLS servers (ZOTH_TLS_FIXTURE): run through scripts/run-windows-tests.sh"
 
 enum class Trust { Off, System, CaFile, OtherCa, CaFolder };
@@ -45,17 +45,20 @@ TEST(TlsVerifyRemote, OnlyACertificateFromATrustedCaForTheHostPasses) {
         const char* name;
         std::string url;
         bool trustedByCa;
-    } servers[] = {{"signed for localhost", fixture.Url("good", "/hello"), true},
-                   // libcurl 7.88's Schannel code compares the host with the certificate's DNS names
-                   // only: one that names 127.0.0.1 as an IP address does not verify for it.
-                   {"signed for 127.0.0.1, reached by address", fixture.Url("good", "/hello", "127.0.0.1"), false},
-                   {"signed for other.example", fixture.Url("other_host", "/hello"), false},
-                   {"self-signed", fixture.Url("self_signed", "/hello"), false}};
+    } servers[] = {
+        {"signed for localhost", fixture.Url("good", "/hello"), true},
+        // libcurl 7.88's Schannel code compares the host with the certificate's DNS names
+        // only: one that names 127.0.0.1 as an IP address does not verify for it.
+        {"signed for 127.0.0.1, reached by address", fixture.Url("good", "/hello", "127.0.0.1"), false},
+        {"signed for other.example", fixture.Url("other_host", "/hello"), false},
+        {"self-signed", fixture.Url("self_signed", "/hello"), false}};
     const struct {
         const char* name;
         Trust trust;
-    } trusts[] = {{"off (default)", Trust::Off},   {"system store", Trust::System},
-                  {"CA file", Trust::CaFile},      {"another CA's file", Trust::OtherCa},
+    } trusts[] = {{"off (default)", Trust::Off},
+                  {"system store", Trust::System},
+                  {"CA file", Trust::CaFile},
+                  {"another CA's file", Trust::OtherCa},
                   {"CA folder", Trust::CaFolder}};
     for (const auto& t : trusts) {
         // Wine's Schannel accepts any chain when it checks against the system store; Windows refuses
@@ -65,8 +68,8 @@ TEST(TlsVerifyRemote, OnlyACertificateFromATrustedCaForTheHostPasses) {
             SCOPED_TRACE(std::string(t.name) + ", " + s.name);
             CHttpClientCurl client = Client(t.trust, fixture);
             std::string response = "stale";
-            const bool passes =
-                t.trust == Trust::Off || ((t.trust == Trust::CaFile || t.trust == Trust::CaFolder) && s.trustedByCa);
+            const bool passes = t.trust == Trust::Off ||
+                                ((t.trust == Trust::CaFile || t.trust == Trust::CaFolder) && s.trustedByCa);
             EXPECT_EQ(passes ? 1 : 0, client.HttpGet(s.url, "", "", response));
             EXPECT_EQ(passes ? CURLE_OK : CURLE_PEER_FAILED_VERIFICATION, client.GetResultCode());
             EXPECT_EQ(passes ? "/hello:" : "", response);
@@ -94,7 +97,8 @@ TEST(TlsVerifyRemote, EveryTransferKindVerifies) {
         const std::string target = dir / "download";
         EXPECT_EQ(passes, client.DownloadFile(fixture.Url(server, "/big/300000"), target, "") == 1);
         EXPECT_EQ(expected, client.GetResultCode());
-        EXPECT_EQ(passes ? 300000u : 0u, std::filesystem::exists(target) ? std::filesystem::file_size(target) : 0u);
+        EXPECT_EQ(passes ? 300000u : 0u,
+                  std::filesystem::exists(target) ? std::filesystem::file_size(target) : 0u);
         std::filesystem::remove(target);
         EXPECT_EQ(passes, client.HttpPostFile(fixture.Url(server, "/upload"), "", "", upload, response) == 1);
         EXPECT_EQ(expected, client.GetResultCode());
@@ -104,6 +108,19 @@ TEST(TlsVerifyRemote, EveryTransferKindVerifies) {
     }
 }
 
+TEST(TlsVerifyRemote, ACaFolderWithoutCertificatesIsRefused) {
+    const TlsFixture fixture;
+    NEED_FIXTURE(fixture);
+    TempDir dir;
+    std::ofstream(dir / "notes.txt") << "no certificate here";
+    CHttpClientCurl client;
+    client.SetTlsCaPath(dir.Path());
+    std::string response = "stale";
+    EXPECT_EQ(0, client.HttpGet(fixture.Url("good", "/hello"), "", "", response));
+    EXPECT_EQ(CURLE_SSL_CACERT_BADFILE, client.GetResultCode());
+    EXPECT_EQ("", response);
+}
+
 TEST(TlsVerifyRemote, UnverifiedConnectionsAreNeverReusedByAVerifiedTransfer) {
     const TlsFixture fixture;
     NEED_FIXTURE(fixture);
@@ -111,7 +128,8 @@ TEST(TlsVerifyRemote, UnverifiedConnectionsAreNeverReusedByAVerifiedTransfer) {
     // An unverified transfer leaves its connection and session in the shared cache; a verifying one
     // to the same server must still check the certificate, and fail.
     for (int i = 0; i < 2; ++i) {
-        ASSERT_EQ(1, Client(Trust::Off, fixture).HttpGet(fixture.Url("self_signed", "/plain"), "", "", response));
+        ASSERT_EQ(
+            1, Client(Trust::Off, fixture).HttpGet(fixture.Url("self_signed", "/plain"), "", "", response));
         CHttpClientCurl verified = Client(i == 0 ? Trust::CaFile : Trust::CaFolder, fixture);
         EXPECT_EQ(0, verified.HttpGet(fixture.Url("self_signed", "/verified"), "", "", response));
         EXPECT_EQ(CURLE_PEER_FAILED_VERIFICATION, verified.GetResultCode());
@@ -133,7 +151,8 @@ TEST(TlsVerifyRemote, ManyThreadsShareVerifiedConnections) {
                 CHttpClientCurl client = Client(Trust::CaFile, fixture);
                 const std::string body = std::to_string(t) + "-" + std::to_string(i);
                 std::string response;
-                if (client.HttpPost(fixture.Url("good", "/t"), "", body, response) != 1 || response != "/t:" + body)
+                if (client.HttpPost(fixture.Url("good", "/t"), "", body, response) != 1 ||
+                    response != "/t:" + body)
                     ++wrong;
             }
         });
