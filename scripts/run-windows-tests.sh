@@ -77,16 +77,16 @@ fail() { failed=$((failed + 1)); echo "FAIL  $1"; }
 run_gtest() { # run_gtest PROGRAM [RUNNER]: RUNNER (a command or function) runs wine
   local program=$1 runner=${2:-} log=$work/$1.log status p f
   echo "--- $program (under Wine)"
-  (cd "$bin" && $runner timeout 600 wine "$program.exe" --gtest_brief=1) >"$log" 2>&1
+  (cd "$bin" && $runner timeout 600 wine "$program.exe") >"$log" 2>&1
   status=$?
-  tr -d '\r' <"$log" | grep -av '^Running main() from'
+  tr -d '\r' <"$log" | grep -av '^Running main() from\|^\[ \(RUN\|      OK\) \]\|^\[----------\]'
   p=$(tr -d '\r' <"$log" | sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\?\..*/\1/p' | tail -1)
   f=$(tr -d '\r' <"$log" | grep -ac '^\[  FAILED  \] [A-Za-z0-9_/]*\.[A-Za-z0-9_/]* (')
   passed=$((passed + ${p:-0}))
   failed=$((failed + f))
   if ! tr -d '\r' <"$log" | grep -aq '^\[==========\] [0-9]* tests\? from .* ran\.' ||
     { [ "$status" -ne 0 ] && [ "$f" -eq 0 ]; }; then
-    fail "$program ended without its totals (exit $status)"
+    fail "$program ended without its totals (exit $status), in: $(tr -d '\r' <"$log" | grep -a '^\[ RUN' | tail -1)"
   fi
 }
 
