@@ -79,7 +79,7 @@ run_gtest() { # run_gtest PROGRAM [RUNNER]: RUNNER (a command or function) runs 
   echo "--- $program (under Wine)"
   (cd "$bin" && $runner timeout 600 wine "$program.exe") >"$log" 2>&1
   status=$?
-  tr -d '\r' <"$log" | grep -av '^Running main() from\|^\[ \(RUN\|      OK\) \]\|^\[----------\]'
+  tr -d '\r' <"$log" | grep -av '^Running main() from\|^\[ RUN  *\]\|^\[       OK \]\|^\[----------\]'
   p=$(tr -d '\r' <"$log" | sed -n 's/^\[  PASSED  \] \([0-9]*\) tests\?\..*/\1/p' | tail -1)
   f=$(tr -d '\r' <"$log" | grep -ac '^\[  FAILED  \] [A-Za-z0-9_/]*\.[A-Za-z0-9_/]* (')
   passed=$((passed + ${p:-0}))

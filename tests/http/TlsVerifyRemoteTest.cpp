@@ -108,6 +108,30 @@ TEST(TlsVerifyRemote, EveryTransferKindVerifies) {
     }
 }
 
+// A download and the speed probe check the host name, not only the CA: the server whose certificate
+// the trusted CA signed for another host fails them, and the download leaves nothing in its folder.
+TEST(TlsVerifyRemote, DownloadsAndTheSpeedProbeCheckTheHostName) {
+    const TlsFixture fixture;
+    NEED_FIXTURE(fixture);
+    TempDir dir;
+    const std::string folder = dir / "downloads";
+    ASSERT_TRUE(std::filesystem::create_directory(folder));
+    const std::string target = folder + "/file";
+    for (Trust trust : {Trust::CaFile, Trust::CaFolder}) {
+        SCOPED_TRACE(trust == Trust::CaFile ? "CA file" : "CA folder");
+        CHttpClientCurl client = Client(trust, fixture);
+        EXPECT_EQ(0, client.DownloadFile(fixture.Url("other_host", "/big/1000"), target, ""));
+        EXPECT_EQ(CURLE_PEER_FAILED_VERIFICATION, client.GetResultCode());
+        EXPECT_TRUE(std::filesystem::is_empty(folder));
+        client.TestNetSpeed(fixture.Url("other_host", "/big/1000"), 30);
+        EXPECT_EQ(CURLE_PEER_FAILED_VERIFICATION, client.GetResultCode());
+        EXPECT_EQ(0.0, client.GetNetSpeed());
+        EXPECT_EQ(1, client.DownloadFile(fixture.Url("good", "/big/1000"), target, ""));
+        EXPECT_TRUE(std::filesystem::exists(target));
+        std::filesystem::remove(target);
+    }
+}
+
 TEST(TlsVerifyRemote, ACaFolderWithoutCertificatesIsRefused) {
     const TlsFixture fixture;
     NEED_FIXTURE(fixture);
