@@ -1,6 +1,7 @@
 // Throughput of the text kernels against their usual peers, in one run: MD5 against OpenSSL and
 // POCO's MD5Engine, Base64 against OpenSSL's EVP block calls and POCO's Base64Encoder/Decoder,
-// UTF-8 <-> UTF-16 against glibc iconv and POCO's UnicodeConverter.
+// UTF-8 <-> UTF-16 against glibc iconv and POCO's UnicodeConverter, ReplaceAll against POCO's
+// replaceInPlace and Abseil's StrReplaceAll (one pass each, which is all these inputs need).
 // Run: build/release/bench/bench_text_bench --benchmark_min_time=0.5
 #include "PeakRss.h"
 #include "zoth/platform/Win32Text.h"
@@ -9,7 +10,9 @@
 #include <Poco/Base64Decoder.h>
 #include <Poco/Base64Encoder.h>
 #include <Poco/MD5Engine.h>
+#include <Poco/String.h>
 #include <Poco/UnicodeConverter.h>
+#include <absl/strings/str_replace.h>
 #include <benchmark/benchmark.h>
 #include <iconv.h>
 #include <openssl/evp.h>
@@ -260,8 +263,48 @@ void Utf8ToWidePlatformCall(benchmark::State& state) {
     state.SetLabel(SampleName(static_cast<int>(state.range(0))));
 }
 
+// 1 MiB in which every other byte is the one replaced: half a million matches.
+const std::string& ManyMatches() {
+    static const std::string text = [] {
+        std::string t;
+        for (size_t i = 0; t.size() < (1u << 20); ++i)
+            t += "ax";
+        return t;
+    }();
+    return text;
+}
+
+void ReplaceAllZoth(benchmark::State& state) {
+    for (auto _ : state) {
+        std::string text = ManyMatches();
+        STRING_UTIL::ReplaceAll(text, "x", "");
+        benchmark::DoNotOptimize(text.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * ManyMatches().size()));
+}
+
+void ReplaceAllPoco(benchmark::State& state) {
+    for (auto _ : state) {
+        std::string text = ManyMatches();
+        Poco::replaceInPlace(text, std::string("x"), std::string());
+        benchmark::DoNotOptimize(text.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * ManyMatches().size()));
+}
+
+void ReplaceAllAbseil(benchmark::State& state) {
+    for (auto _ : state) {
+        std::string text = absl::StrReplaceAll(ManyMatches(), {{"x", ""}});
+        benchmark::DoNotOptimize(text.data());
+    }
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * ManyMatches().size()));
+}
+
 } // namespace
 
+BENCHMARK(ReplaceAllZoth)->Unit(benchmark::kMillisecond);
+BENCHMARK(ReplaceAllPoco)->Unit(benchmark::kMillisecond);
+BENCHMARK(ReplaceAllAbseil)->Unit(benchmark::kMillisecond);
 BENCHMARK(Md5Zoth);
 BENCHMARK(Md5OpenSsl);
 BENCHMARK(Md5Poco);

@@ -2,6 +2,7 @@
 #include "zoth/database/CSqlLiteQueryInternal.h"
 
 #include <cstring>
+#include <new>
 
 namespace ZOTH {
 
@@ -23,31 +24,60 @@ inline bool IsNullAfterZero(sqlite3_stmt* stmt, int index) {
 
 } // namespace
 
+// One per statement, shared by a cursor and its copies: whoever ends the statement clears `stmt`,
+// so every copy learns of it on its next call. The last holder's release finalizes what still lives.
+struct CSqlLiteQueryInternal::Shared {
+    sqlite3_stmt* stmt;
+    explicit Shared(sqlite3_stmt* s) : stmt(s) {}
+    Shared(const Shared&) = delete;
+    Shared& operator=(const Shared&) = delete;
+    ~Shared() { End(); }
+    void End() {
+        if (stmt != nullptr) sqlite3_finalize(stmt);
+        stmt = nullptr;
+    }
+};
+
 CSqlLiteQueryInternal::CSqlLiteQueryInternal()
     : m_pDb(nullptr), m_pStmt(nullptr), m_bEof(false), m_nCols(0), m_bOwnStmt(false) {}
 
-// The copy must never finalize: two finalizations of one statement would free it twice.
 CSqlLiteQueryInternal::CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other)
     : m_pDb(other.m_pDb), m_pStmt(other.m_pStmt), m_bEof(other.m_bEof), m_nCols(other.m_nCols),
-      m_bOwnStmt(false) {}
+      m_bOwnStmt(other.m_bOwnStmt), m_spShared(other.m_spShared) {}
 
-// An owner assigned a copy of itself (or itself) stays the owner, else nobody would finalize.
 CSqlLiteQueryInternal& CSqlLiteQueryInternal::operator=(const CSqlLiteQueryInternal& other) {
-    bool stillOwner = m_bOwnStmt && m_pStmt != nullptr && m_pStmt == other.m_pStmt;
     m_pDb = other.m_pDb;
     m_pStmt = other.m_pStmt;
     m_bEof = other.m_bEof;
     m_nCols = other.m_nCols;
-    m_bOwnStmt = stillOwner;
+    m_bOwnStmt = other.m_bOwnStmt;
+    if (m_spShared != other.m_spShared) LetGoUnfinalized();
+    m_spShared = other.m_spShared;
     return *this;
 }
 
-CSqlLiteQueryInternal::~CSqlLiteQueryInternal() {
-    Finalize();
+// Overwriting never finalizes: the caller is expected to Finalize first. When this cursor was the
+// statement's last holder, the statement stays alive (CloseDB keeps failing, as it says) rather
+// than being ended behind the caller's back.
+void CSqlLiteQueryInternal::LetGoUnfinalized() {
+    if (m_spShared != nullptr && m_spShared.use_count() == 1) m_spShared->stmt = nullptr;
+}
+
+CSqlLiteQueryInternal::~CSqlLiteQueryInternal() = default;
+
+sqlite3_stmt* CSqlLiteQueryInternal::Held() {
+    if (m_spShared == nullptr || m_spShared->stmt == nullptr) m_pStmt = nullptr;
+    return m_pStmt;
 }
 
 int CSqlLiteQueryInternal::InitSqlLiteQuery(sqlite3* db, sqlite3_stmt* stmt, bool eof) {
     if (db == nullptr || stmt == nullptr) return 0;
+    if (m_spShared == nullptr || m_spShared->stmt != stmt) { // the same statement again keeps its life
+        std::shared_ptr<Shared> shared(new (std::nothrow) Shared(stmt));
+        if (shared == nullptr) return 0;
+        LetGoUnfinalized();
+        m_spShared = std::move(shared);
+    }
     m_pDb = db;
     m_pStmt = stmt;
     m_bEof = eof;
@@ -58,25 +88,22 @@ int CSqlLiteQueryInternal::InitSqlLiteQuery(sqlite3* db, sqlite3_stmt* stmt, boo
 
 bool CSqlLiteQueryInternal::Eof() {
     // Without a statement there is nothing left to read, so a `while (!Eof())` loop must end.
-    return m_pStmt == nullptr || m_bEof;
+    return Held() == nullptr || m_bEof;
 }
 
 void CSqlLiteQueryInternal::NextRow() {
-    if (m_pStmt == nullptr) return;
+    if (Held() == nullptr) return;
     int rc = sqlite3_step(m_pStmt);
     if (rc == SQLITE_DONE) {
         m_bEof = true;
     } else if (rc != SQLITE_ROW) {
-        // A failed statement is of no further use. Only the owner may finalize it; a copy just
-        // lets go, and the owner finalizes it in Finalize or its destructor.
-        if (m_bOwnStmt) sqlite3_finalize(m_pStmt);
-        m_pStmt = nullptr;
+        Finalize(); // a failed statement is of no further use to any copy
     }
 }
 
 void CSqlLiteQueryInternal::Finalize() {
-    if (m_pStmt == nullptr || !m_bOwnStmt) return;
-    sqlite3_finalize(m_pStmt);
+    if (Held() == nullptr) return;
+    m_spShared->End();
     m_pStmt = nullptr;
 }
 
@@ -85,7 +112,7 @@ int CSqlLiteQueryInternal::GetCols() {
 }
 
 bool CSqlLiteQueryInternal::FieldValue(int index, std::string& value) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     const unsigned char* text = sqlite3_column_text(m_pStmt, index);
     if (text == nullptr) return false; // SQL NULL (or no memory for the conversion)
     value.assign(reinterpret_cast<const char*>(text));
@@ -93,7 +120,7 @@ bool CSqlLiteQueryInternal::FieldValue(int index, std::string& value) {
 }
 
 bool CSqlLiteQueryInternal::GetStringField(int index, std::string& value) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     // The text read is its own NULL test: it gives a null pointer exactly for SQL NULL (or when
     // out of memory), and every other value, the empty text and blob included, comes out as text.
     // This saves asking the type first, a second locked call into SQLite for each value.
@@ -104,7 +131,7 @@ bool CSqlLiteQueryInternal::GetStringField(int index, std::string& value) {
 }
 
 bool CSqlLiteQueryInternal::GetIntField(int index, int& value) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     int read = sqlite3_column_int(m_pStmt, index);
     if (read == 0 && IsNullAfterZero(m_pStmt, index)) return false;
     value = read;
@@ -112,7 +139,7 @@ bool CSqlLiteQueryInternal::GetIntField(int index, int& value) {
 }
 
 bool CSqlLiteQueryInternal::GetInt64Field(int index, __int64& value) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     __int64 read = sqlite3_column_int64(m_pStmt, index);
     if (read == 0 && IsNullAfterZero(m_pStmt, index)) return false;
     value = read;
@@ -120,7 +147,7 @@ bool CSqlLiteQueryInternal::GetInt64Field(int index, __int64& value) {
 }
 
 bool CSqlLiteQueryInternal::GetFloatField(int index, double& value) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     double read = sqlite3_column_double(m_pStmt, index);
     if (read == 0.0 && IsNullAfterZero(m_pStmt, index)) return false;
     value = read;
@@ -128,13 +155,13 @@ bool CSqlLiteQueryInternal::GetFloatField(int index, double& value) {
 }
 
 bool CSqlLiteQueryInternal::FieldDataType(int index, int& type) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     type = sqlite3_column_type(m_pStmt, index);
     return true;
 }
 
 bool CSqlLiteQueryInternal::FieldName(int index, std::string& name) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     const char* text = sqlite3_column_name(m_pStmt, index);
     if (text == nullptr) return false; // out of memory
     name.assign(text);
@@ -142,18 +169,18 @@ bool CSqlLiteQueryInternal::FieldName(int index, std::string& name) {
 }
 
 bool CSqlLiteQueryInternal::FieldDeclType(int index, std::string& declType) {
-    if (!ValidColumn(m_pStmt, m_nCols, index)) return false;
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
     const char* text = sqlite3_column_decltype(m_pStmt, index);
     declType.assign(text != nullptr ? text : ""); // an expression has no declared type
     return true;
 }
 
 bool CSqlLiteQueryInternal::FieldIsNull(int index) {
-    return ValidColumn(m_pStmt, m_nCols, index) && sqlite3_column_type(m_pStmt, index) == SQLITE_NULL;
+    return ValidColumn(Held(), m_nCols, index) && sqlite3_column_type(m_pStmt, index) == SQLITE_NULL;
 }
 
 bool CSqlLiteQueryInternal::FieldIndex(const char* name, int& index) {
-    if (m_pStmt == nullptr || name == nullptr || m_nCols < 1) return false;
+    if (Held() == nullptr || name == nullptr || m_nCols < 1) return false;
     for (int i = 0; i < m_nCols; ++i) {
         const char* column = sqlite3_column_name(m_pStmt, i);
         if (column != nullptr && std::strcmp(name, column) == 0) {

@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <string>
 #include <typeinfo>
 
@@ -44,6 +45,8 @@ struct FindObject final : KernelObject {
     FindObject* child = nullptr;  // the sub-search open below this one
 };
 
+std::atomic<void (*)(unsigned long long, unsigned long long)> g_parkedHook{nullptr};
+
 // Lets go of the folder of a search whose sub-searches run deep.
 void Park(FindObject* search) {
     struct stat st;
@@ -53,6 +56,7 @@ void Park(FindObject* search) {
     ::closedir(search->dir);
     search->dir = nullptr;
     search->hold = Hold::Parked;
+    if (auto hook = g_parkedHook.load(std::memory_order_acquire)) hook(st.st_dev, st.st_ino);
 }
 
 // Takes a parked folder back through ".." of its sub-search's folder `childFd`, if that is still
@@ -383,6 +387,14 @@ HANDLE FindFirstFoundFolderA(HANDLE handle, LPCSTR path, LPCSTR name, LPWIN32_FI
     }
     int base = BaseOf(parent, name);
     if (base == -1) return INVALID_HANDLE_VALUE;
+    // Keep the deepest folders of the chain open, the new one among them: the one that falls out of
+    // the window is let go before the new one is opened, so the window is never exceeded, not even for
+    // a moment. Should the new one fail to open, the ancestor is taken back as usual, when its own
+    // sub-search closes.
+    FindObject* ancestor = parent;
+    for (int i = 1; i < kHeldFolders && ancestor != nullptr; ++i)
+        ancestor = ancestor->parent;
+    if (ancestor != nullptr && ancestor->hold == Hold::Open) Park(ancestor);
     int fd = ::openat(base, base == AT_FDCWD ? path : name, kFolderFlags);
     if (fd < 0) {
         SetFolderError(errno);
@@ -392,11 +404,6 @@ HANDLE FindFirstFoundFolderA(HANDLE handle, LPCSTR path, LPCSTR name, LPWIN32_FI
     if (search == nullptr) return INVALID_HANDLE_VALUE;
     search->parent = parent;
     parent->child = search;
-    // Keep the deepest folders of the chain open: let go of the one that falls out of the window.
-    FindObject* ancestor = search;
-    for (int i = 0; i < kHeldFolders && ancestor != nullptr; ++i)
-        ancestor = ancestor->parent;
-    if (ancestor != nullptr && ancestor->hold == Hold::Open) Park(ancestor);
     return search;
 }
 
@@ -428,6 +435,10 @@ BOOL RemoveFoundDirectoryA(HANDLE handle, LPCSTR path, LPCSTR name) {
         return FALSE;
     }
     return TRUE;
+}
+
+void ZothSetFolderParkedHookForTests(void (*hook)(unsigned long long device, unsigned long long inode)) {
+    g_parkedHook.store(hook, std::memory_order_release);
 }
 
 BOOL FindClose(HANDLE handle) {

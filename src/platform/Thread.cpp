@@ -3,11 +3,18 @@
 // its thread signals as it ends. Handles are only entry points to the state (shared_ptr), so a wait
 // keeps the state alive even if another thread closes the handle meanwhile, and a thread's state
 // outlives a closed handle.
+//
+// A forced end parks the thread for good instead of unwinding it: a signal whose handler blocks
+// every signal and sleeps for ever. Unwinding (pthread_cancel) aborts the process at a catch (...)
+// or a noexcept frame and runs client destructors; a parked thread runs no client code again and
+// keeps its stack and whatever locks it held, as Windows' TerminateThread does.
 #if !defined(_WIN32) // on Windows these calls come from the system
 #include "platform/KernelObject.h"
 #include "zoth/platform/Win32Thread.h"
 
 #include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -19,12 +26,6 @@
 #include <new>
 #include <shared_mutex>
 #include <unordered_set>
-
-#if defined(__SANITIZE_THREAD__)
-#define ZOTH_UNDER_TSAN 1
-#else
-#define ZOTH_UNDER_TSAN 0
-#endif
 
 namespace {
 
@@ -39,12 +40,41 @@ struct SyncState {
     bool terminateAsked = false;   // TerminateThread came first
     DWORD exitCode = STILL_ACTIVE; // valid once signalled
     pthread_t thread{};
+    std::atomic<bool> parked{false}; // set by the park signal's handler, on the thread itself
 };
 
 struct SyncHandle : ZOTH::platform::KernelObject {
     explicit SyncHandle(std::shared_ptr<SyncState> s) : state(std::move(s)) {}
     std::shared_ptr<SyncState> state;
     BOOL Close() override;
+};
+
+// A thread is not parked while it holds the lock of the open handles, which every handle call
+// takes: the park waits until the scope ends. Initial-exec TLS, so the handler's access allocates
+// nothing.
+__attribute__((tls_model("initial-exec"))) thread_local int t_noParkDepth = 0;
+__attribute__((tls_model("initial-exec"))) thread_local std::atomic<bool>* t_parkPending = nullptr;
+
+[[noreturn]] void Park(std::atomic<bool>* parked);
+
+struct NoParkScope {
+    NoParkScope() {
+        ++t_noParkDepth;
+        std::atomic_signal_fence(std::memory_order_seq_cst); // the handler sees the count first
+    }
+    ~NoParkScope() {
+        std::atomic_signal_fence(std::memory_order_seq_cst);
+        if (--t_noParkDepth == 0 && t_parkPending != nullptr) {
+            // The signal came while the lock was held; park now with every signal blocked, as the
+            // handler does.
+            sigset_t all;
+            sigfillset(&all);
+            pthread_sigmask(SIG_BLOCK, &all, nullptr);
+            Park(t_parkPending);
+        }
+    }
+    NoParkScope(const NoParkScope&) = delete;
+    NoParkScope& operator=(const NoParkScope&) = delete;
 };
 
 // The handles that are open now. A handle value is looked up here before use, so a closed or foreign
@@ -61,6 +91,7 @@ HANDLE Register(std::shared_ptr<SyncState> state) {
         SetLastError(ERROR_NOT_ENOUGH_MEMORY);
         return nullptr;
     }
+    NoParkScope noPark;
     std::lock_guard<std::shared_mutex> lock(g_handlesMutex);
     OpenHandles().insert(handle);
     return handle;
@@ -68,6 +99,7 @@ HANDLE Register(std::shared_ptr<SyncState> state) {
 
 BOOL SyncHandle::Close() {
     {
+        NoParkScope noPark;
         std::lock_guard<std::shared_mutex> lock(g_handlesMutex);
         OpenHandles().erase(this);
     }
@@ -77,6 +109,7 @@ BOOL SyncHandle::Close() {
 
 // The state behind an open event or thread handle, or null (with ERROR_INVALID_HANDLE).
 std::shared_ptr<SyncState> StateOf(HANDLE handle) {
+    NoParkScope noPark;
     std::shared_lock<std::shared_mutex> lock(g_handlesMutex);
     auto found = OpenHandles().find(static_cast<const SyncHandle*>(handle));
     if (handle == nullptr || found == OpenHandles().end()) {
@@ -88,18 +121,64 @@ std::shared_ptr<SyncState> StateOf(HANDLE handle) {
 
 std::atomic<unsigned> g_nextThreadId{1};
 
+// Tells TerminateThread the thread is parked, then sleeps for good; signals are blocked by then.
+void Park(std::atomic<bool>* parked) {
+    if (parked != nullptr) parked->store(true);
+    for (;;)
+        pause();
+}
+
+// The signal that parks a thread; a real-time one, which nothing sends by default.
+int ParkSignal() {
+    return SIGRTMAX - 1;
+}
+
+// Runs on the thread being ended, with every signal blocked (the action's mask). It parks at once
+// and never returns, so the mask stays; inside a handle call it returns and the call parks on its
+// way out. Only async-signal-safe work: lock-free stores and pause().
+void ParkHandler(int, siginfo_t* info, void*) {
+    auto* parked = static_cast<std::atomic<bool>*>(info->si_value.sival_ptr);
+    if (t_noParkDepth > 0) { // inside a handle call: parked as it leaves the lock
+        t_parkPending = parked;
+        return;
+    }
+    Park(parked);
+}
+
+// Installed once per process; an installed action survives fork.
+void InstallParkHandler() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        struct sigaction action {};
+        action.sa_sigaction = ParkHandler;
+        action.sa_flags = SA_SIGINFO;
+        sigfillset(&action.sa_mask);
+        sigaction(ParkSignal(), &action, nullptr);
+    });
+}
+
+// Blocks the park signal for the rest of the calling thread's life: its own end-of-thread code must
+// not be parked while it holds the state's lock. A park signal that comes later dies with the thread.
+void BlockParkSignal() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, ParkSignal());
+    pthread_sigmask(SIG_BLOCK, &set, nullptr);
+}
+
 struct ThreadStart {
     std::shared_ptr<SyncState> state;
     unsigned (*entry)(void*);
     void* arg;
 };
 
-// Signals the thread's end on every way out, also when a cancellation unwinds the stack.
+// Signals the thread's end on every way out of its entry.
 struct EndMark {
     SyncState& state;
     bool returned = false;
     unsigned code = 0;
     ~EndMark() {
+        BlockParkSignal();
         std::lock_guard<std::mutex> lock(state.mutex);
         if (returned && !state.terminateAsked) state.exitCode = code;
         state.signalled = true;
@@ -226,7 +305,7 @@ uintptr_t _beginthreadex(void*, unsigned stack_size, unsigned (*start_address)(v
     if (stack_size != 0) pthread_attr_setstacksize(&attr, stack_size < 65536 ? 65536 : stack_size);
     int rc;
     {
-        // The thread's own id is stored before it can be cancelled.
+        // The thread's own id is stored before TerminateThread can signal it.
         std::lock_guard<std::mutex> lock(state->mutex);
         rc = pthread_create(&state->thread, &attr, ThreadMain, start);
     }
@@ -247,16 +326,30 @@ BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode) {
         SetLastError(ERROR_INVALID_HANDLE);
         return FALSE;
     }
-    std::lock_guard<std::mutex> lock(state->mutex);
-    if (state->signalled || state->terminateAsked) return TRUE; // already over, or on its way out
-    state->terminateAsked = true;
-    state->exitCode = dwExitCode;
-    // While not signalled the detached thread has not left ThreadMain, so its id is still valid.
-    // The thread sanitizer loses track of a cancelled thread's locks and reports races that are
-    // not there; under it the thread is left to run on, detached, which the callers survive too.
-#if !ZOTH_UNDER_TSAN
-    if (state->started) pthread_cancel(state->thread);
-#endif
+    {
+        std::lock_guard<std::mutex> lock(state->mutex);
+        if (state->signalled || state->terminateAsked) return TRUE; // already over, or on its way out
+        state->terminateAsked = true;
+        state->exitCode = dwExitCode;
+        if (!state->started) return TRUE; // ThreadMain sees terminateAsked and never calls the entry
+        // While not signalled the detached thread has not left ThreadMain, so its id is still valid,
+        // and the state (held by ThreadMain) outlives the handler's store.
+        InstallParkHandler();
+        union sigval value {};
+        value.sival_ptr = &state->parked;
+        if (pthread_sigqueue(state->thread, ParkSignal(), value) != 0) return TRUE;
+    }
+    // Waits until the thread is parked or has ended by itself (its end code blocks the signal), so
+    // that on return it runs no client code any more. Delivery takes microseconds; the bound only
+    // covers a body that blocked the signal itself, which then runs on.
+    std::unique_lock<std::mutex> lock(state->mutex);
+    for (auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+         !state->signalled && !state->parked.load() && std::chrono::steady_clock::now() < end;)
+        state->changed.wait_for(lock, std::chrono::milliseconds(1));
+    if (state->parked.load() && !state->signalled) {
+        state->signalled = true; // parked for good: it counts as ended
+        state->changed.notify_all();
+    }
     return TRUE;
 }
 

@@ -57,8 +57,19 @@ CTesselControlBase::~CTesselControlBase() {
         // A task's StopTask threw (the lock is released by then); a destructor cannot pass it on,
         // and the entries still have to go.
     }
+    // What is left goes now, complete or not. The entries leave the map under the lock and die
+    // outside it, before the lock itself: a task destructor that comes back to this registry finds
+    // it whole, closed and empty.
+    for (;;) {
+        std::map<std::string, std::shared_ptr<CTaskBase>> left;
+        {
+            CriticalSectionLock hold(m_csTask);
+            left.swap(m_mapTask);
+        }
+        if (left.empty()) break;
+        left.clear(); // each task's destructor: up to 500 ms
+    }
     DeleteCriticalSection(&m_csTask);
-    m_mapTask.clear(); // what is left goes now, complete or not, with no lock held
 }
 
 bool CTesselControlBase::StopAllTask() {

@@ -18,14 +18,20 @@ namespace {
 // may hold a whole code point above 0xFFFF, which takes 4.
 constexpr size_t kUtf8PerElement = sizeof(wchar_t) == 2 ? 3 : 4;
 
-// Lengths beyond this cannot be handed to the int counts of the platform calls with their worst case.
-constexpr size_t kMaxLength = (INT_MAX - 8) / 4;
+// Whether `length` units of input fit the int counts of the platform calls when the destination
+// takes `perUnit` units per input unit plus `extra`. Otherwise the conversion cannot be made: the
+// last error is ERROR_NOT_ENOUGH_MEMORY, so an empty result of such input is never a success.
+bool Fits(size_t length, size_t perUnit, size_t extra) {
+    if (length <= (static_cast<size_t>(INT_MAX) - extra) / perUnit) return true;
+    SetLastError(ERROR_NOT_ENOUGH_MEMORY);
+    return false;
+}
 
 } // namespace
 
 std::string STRING_UTIL::Unicode2Utf8(const std::wstring& text) {
     size_t n = text.size();
-    if (n == 0 || n > kMaxLength) return std::string();
+    if (n == 0 || !Fits(n, kUtf8PerElement, 3)) return std::string();
     std::string result(kUtf8PerElement * n + 3, '\0');
     int written = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(n), result.data(),
                                       static_cast<int>(result.size()), nullptr, nullptr);
@@ -46,13 +52,17 @@ bool STRING_UTIL::Unicode2Utf8(const std::wstring& text, char* buffer, DWORD* si
         *size = 0;
         return true;
     }
+    if (!Fits(n, kUtf8PerElement, 1)) return false;
     std::memset(buffer, 0, *size);
-    // One byte stays free for the terminator; UTF-16 input never needs it, but whole code points
-    // in a wider wchar_t can fill 4 bytes per element.
+    // One byte stays free for the terminator. A whole code point in a wider wchar_t takes 4 bytes,
+    // so text of such elements may not fit 3(n+1): then false, with the buffer cleared.
     int capacity = *size - 1 > INT_MAX ? INT_MAX : static_cast<int>(*size - 1);
-    int written = n > kMaxLength ? 0
-                                 : WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer,
-                                                       capacity, nullptr, nullptr);
+    int written =
+        WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer, capacity, nullptr, nullptr);
+    if (written == 0) {
+        buffer[0] = '\0';
+        return false; // ERROR_INSUFFICIENT_BUFFER from the platform
+    }
     *size = static_cast<DWORD>(written);
     buffer[written] = '\0';
     return true;
@@ -60,7 +70,7 @@ bool STRING_UTIL::Unicode2Utf8(const std::wstring& text, char* buffer, DWORD* si
 
 std::wstring STRING_UTIL::Utf82Unicode(const std::string& text) {
     size_t n = text.size();
-    if (n == 0 || n > kMaxLength) return std::wstring();
+    if (n == 0 || !Fits(n, 1, 1)) return std::wstring();
     std::wstring result(n + 1, L'\0');
     int written = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(n), result.data(),
                                       static_cast<int>(n + 1));
@@ -82,10 +92,10 @@ bool STRING_UTIL::Utf82Unicode(const std::string& text, wchar_t* buffer, DWORD* 
         return true;
     }
     // Only the units the conversion can reach are cleared; the rest of the caller's buffer stays.
+    if (!Fits(n, 1, 1)) return false;
     std::wmemset(buffer, L'\0', n + 1);
-    int written = n > kMaxLength ? 0
-                                 : MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer,
-                                                       static_cast<int>(n + 1));
+    int written =
+        MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(n), buffer, static_cast<int>(n + 1));
     *size = static_cast<DWORD>(written);
     buffer[written] = L'\0';
     return true;
@@ -93,7 +103,7 @@ bool STRING_UTIL::Utf82Unicode(const std::string& text, wchar_t* buffer, DWORD* 
 
 std::string STRING_UTIL::Asci2Utf8(const std::string& text) {
     size_t n = text.size();
-    if (n == 0 || n > kMaxLength) return std::string();
+    if (n == 0 || !Fits(n, 3, 3)) return std::string();
     std::wstring wide(n + 1, L'\0');
     int units = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(n), wide.data(),
                                     static_cast<int>(n + 1));
@@ -108,7 +118,7 @@ std::string STRING_UTIL::Asci2Utf8(const std::string& text) {
 
 std::string STRING_UTIL::Utf82Asci(const std::string& text) {
     size_t n = text.size();
-    if (n == 0 || n > kMaxLength) return std::string();
+    if (n == 0 || !Fits(n, 2, 2)) return std::string();
     std::wstring wide(n + 1, L'\0');
     int units = MultiByteToWideChar(CP_UTF8, 0, text.data(), static_cast<int>(n), wide.data(),
                                     static_cast<int>(n + 1));
@@ -122,7 +132,7 @@ std::string STRING_UTIL::Utf82Asci(const std::string& text) {
 
 std::string STRING_UTIL::Unicode2Asci(const std::wstring& text) {
     size_t n = text.size();
-    if (n == 0 || n > kMaxLength) return std::string();
+    if (n == 0 || !Fits(n, 2, 2)) return std::string();
     std::string result(2 * n + 2, '\0');
     // Count -1: the conversion ends at the first NUL and writes it.
     int written = WideCharToMultiByte(CP_ACP, 0, text.c_str(), -1, result.data(),
@@ -134,7 +144,7 @@ std::string STRING_UTIL::Unicode2Asci(const std::wstring& text) {
 
 std::wstring STRING_UTIL::Asci2Unicode(const std::string& text) {
     size_t n = text.size();
-    if (n == 0 || n > kMaxLength) return std::wstring();
+    if (n == 0 || !Fits(n, 1, 1)) return std::wstring();
     std::wstring result(n + 1, L'\0');
     // Count n+1 takes the terminator along.
     int written = MultiByteToWideChar(CP_ACP, 0, text.c_str(), static_cast<int>(n + 1), result.data(),
@@ -147,7 +157,7 @@ std::wstring STRING_UTIL::Asci2Unicode(const std::string& text) {
 bool STRING_UTIL::IsvalidAsci(const std::string& text) {
     size_t n = text.size();
     if (n == 0) return true;
-    if (n > kMaxLength) return true; // no conversion was possible: not an invalid-input failure
+    if (!Fits(n, 1, 1)) return true; // no conversion was possible: not an invalid-input failure
     int units;
     {
         std::unique_ptr<wchar_t[]> temporary(new wchar_t[n + 1]());

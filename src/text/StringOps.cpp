@@ -108,29 +108,85 @@ void ReserveForPieces(const Str& text, typename Str::value_type separator, int k
         pieces.reserve(std::max(pieces.size() + most, 2 * pieces.capacity()));
 }
 
-// Replaces each occurrence once, from `position` on, never searching inserted text.
+// Replaces each occurrence once, from `position` on, never searching inserted text. One pass into a
+// new string: each search goes on just past the previous occurrence in the original text.
 template <typename Str>
 Str& ReplaceDistinctFrom(Str& text, const Str& oldValue, const Str& newValue,
                          typename Str::size_type position) {
     if (oldValue.empty()) return text;
-    while ((position = text.find(oldValue, position)) != Str::npos) {
-        text.replace(position, oldValue.size(), newValue);
-        position += newValue.size();
+    position = text.find(oldValue, position);
+    if (position == Str::npos) return text;
+    Str result;
+    result.reserve(text.size());
+    typename Str::size_type copied = 0;
+    for (; position != Str::npos; position = text.find(oldValue, copied)) {
+        result.append(text, copied, position - copied).append(newValue);
+        copied = position + oldValue.size();
     }
+    result.append(text, copied, Str::npos);
+    text.swap(result);
     return text;
+}
+
+// KMP failure links of `pattern`: fail[k] is the longest proper border of its first k units.
+template <typename Str> std::vector<size_t> FailureLinks(const Str& pattern) {
+    std::vector<size_t> fail(pattern.size() + 1, 0);
+    for (size_t k = 1, border = 0; k < pattern.size(); ++k) {
+        while (border > 0 && pattern[k] != pattern[border])
+            border = fail[border];
+        if (pattern[k] == pattern[border]) ++border;
+        fail[k + 1] = border;
+    }
+    return fail;
 }
 
 // Replaces until no occurrence is left, searching from `start` each time, so text made by one
 // replacement is searched too. An empty old value, or a new value holding the old one, would never
 // end; those get one pass of distinct replacement from `start` instead. Rules that keep recreating
 // the old value through the text around it (old "ab", new "bbaa") still never end: the caller's limit.
+//
+// The same replacements as searching the whole text again after each one, in time linear in the
+// units read: the result grows unit by unit with the matcher's state after each unit kept beside
+// it, so the earliest occurrence is seen as its last unit arrives. A replacement takes the occurrence
+// back off the result and puts the new value in front of the unread text, where it is read again
+// with the units before it: that finds every occurrence a replacement makes.
 template <typename Str>
 Str& ReplaceRepeated(Str& text, const Str& oldValue, const Str& newValue, unsigned int start) {
     if (oldValue == newValue || oldValue.empty()) return text;
     if (newValue.find(oldValue) != Str::npos) return ReplaceDistinctFrom(text, oldValue, newValue, start);
-    typename Str::size_type position;
-    while ((position = text.find(oldValue, start)) != Str::npos)
-        text.replace(position, oldValue.size(), newValue);
+    if (text.find(oldValue, start) == Str::npos) return text; // also when `start` is past the end
+    const size_t m = oldValue.size();
+    const std::vector<size_t> fail = FailureLinks(oldValue);
+    Str result(text, 0, start);
+    result.reserve(text.size());
+    std::vector<size_t> states; // matcher state after each unit of `result` from `start` on
+    states.reserve(text.size() - start);
+    Str pending; // units of new values still to read, the next one last
+    size_t next = start;
+    for (;;) {
+        typename Str::value_type unit;
+        if (!pending.empty()) {
+            unit = pending.back();
+            pending.pop_back();
+        } else if (next < text.size()) {
+            unit = text[next++];
+        } else {
+            break;
+        }
+        size_t state = states.empty() ? 0 : states.back();
+        while (state > 0 && oldValue[state] != unit)
+            state = fail[state];
+        if (oldValue[state] == unit) ++state;
+        if (state == m) { // the occurrence ends with this unit: it never enters the result
+            result.resize(result.size() - (m - 1));
+            states.resize(states.size() - (m - 1));
+            pending.append(newValue.rbegin(), newValue.rend());
+            continue;
+        }
+        result.push_back(unit);
+        states.push_back(state);
+    }
+    text.swap(result);
     return text;
 }
 

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <iterator>
+#include <memory>
 #include <sqlite3.h>
 
 using ZOTH::CSqlLiteQueryInternal;
@@ -199,41 +200,87 @@ TEST(DatabaseCursor, NamesMatchExactlyAndTheFirstOfTwinsWins) {
     }
 }
 
-TEST(DatabaseCursor, CopiesShareButNeverFinalizeTheStatement) {
+// Copies share one statement and its life: whichever copy ends it (Finalize, a failed step), every
+// copy answers Eof() true and never steps or reads the finalized statement again (ASan would see
+// it); the statement is finalized exactly once, by its end or by its last holder's destructor.
+TEST(DatabaseCursor, CopiesShareTheStatementsLife) {
     TempDir dir;
     OpenDb c(dir / "copy.db");
     c.Exec("CREATE TABLE t(x INTEGER); INSERT INTO t VALUES(1),(2),(3);");
-    CSqlLiteQueryInternal q;
-    ASSERT_EQ(100u, c.Query("SELECT x FROM t ORDER BY x", q));
-    int v = 0;
-    {
-        CSqlLiteQueryInternal copy(q);
+    const char* rows = "SELECT x FROM t ORDER BY x";
+    // Fails at its second row (integer overflow), so a step of it is a failed NextRow.
+    const char* failing =
+        "SELECT CASE WHEN x = 2 THEN abs(-9223372036854775808) ELSE x END FROM t ORDER BY rowid";
+    enum Ender { kOriginalFinalizes, kCopyFinalizes, kOriginalStepFails, kCopyStepFails };
+    for (Ender ender : {kOriginalFinalizes, kCopyFinalizes, kOriginalStepFails, kCopyStepFails}) {
+        SCOPED_TRACE(ender);
+        bool fails = ender == kOriginalStepFails || ender == kCopyStepFails;
+        CSqlLiteQueryInternal q;
+        ASSERT_EQ(100u, c.Query(fails ? failing : rows, q));
+        CSqlLiteQueryInternal copy(q), assigned;
+        assigned = copy;
+        CSqlLiteQueryInternal& ends = (ender == kOriginalFinalizes || ender == kOriginalStepFails) ? q : copy;
+        int v = 0;
         ASSERT_TRUE(copy.GetIntField(0, v));
         EXPECT_EQ(1, v);
-        copy.Finalize(); // not the owner: nothing happens
-        copy.NextRow();  // one shared statement, so the original moves too
-    }                    // the copy's destructor finalizes nothing
-    ASSERT_TRUE(q.GetIntField(0, v));
+        if (fails)
+            ends.NextRow();
+        else
+            ends.Finalize();
+        for (CSqlLiteQueryInternal* each : {&q, &copy, &assigned}) {
+            ExpectState("ended", *each, true, 1, false, false);
+            each->NextRow(); // steps nothing: the statement is gone
+            each->Finalize();
+            EXPECT_TRUE(each->Eof());
+        }
+        EXPECT_EQ(1, c.db.CloseDB()); // finalized exactly once (a second time would be a double free)
+        ASSERT_EQ(1, c.db.OpenSqlDB());
+    }
+
+    // Destruction only lets go: the statement lives while any copy holds it, and the last one ends it.
+    auto q = std::make_unique<CSqlLiteQueryInternal>();
+    ASSERT_EQ(100u, c.Query(rows, *q));
+    {
+        CSqlLiteQueryInternal copy(*q);
+        copy.NextRow(); // one shared statement, so the original moves too
+    }
+    int v = 0;
+    ASSERT_TRUE(q->GetIntField(0, v));
     EXPECT_EQ(2, v);
-    CSqlLiteQueryInternal assigned;
-    assigned = q;
-    CSqlLiteQueryInternal& same = q;
-    q = same;                     // self-assignment keeps ownership
-    q = assigned;                 // so does taking back a copy of its own statement
-    assigned.Finalize();          // not the owner
-    EXPECT_EQ(0, c.db.CloseDB()); // the statement is still alive
-    q.Finalize();
+    CSqlLiteQueryInternal survivor(*q);
+    CSqlLiteQueryInternal& same = survivor;
+    survivor = same; // self-assignment keeps it
+    q.reset();
+    EXPECT_FALSE(survivor.Eof());
+    ASSERT_TRUE(survivor.GetIntField(0, v));
+    EXPECT_EQ(2, v);
+    EXPECT_EQ(0, c.db.CloseDB()); // still alive
+    survivor.Finalize();
     EXPECT_EQ(1, c.db.CloseDB());
 
-    // A copy whose step fails lets go without finalizing; the original finalizes exactly once.
-    ASSERT_EQ(1, c.db.OpenSqlDB());
-    ASSERT_EQ(100u, c.Query("SELECT CASE WHEN x = 2 THEN abs(-9223372036854775808) ELSE x END "
-                            "FROM t ORDER BY rowid",
-                            q));
-    CSqlLiteQueryInternal failing(q);
-    failing.NextRow();
-    EXPECT_TRUE(failing.Eof());
-    EXPECT_EQ(0, c.db.CloseDB());
-    q.Finalize(); // a second finalization would be a double free (seen under ASan)
-    EXPECT_EQ(1, c.db.CloseDB());
+    // An overwrite (assignment, or a cursor taking another statement) never finalizes what it
+    // held, even as its last holder: that statement stays alive until the caller ends it.
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open((dir / "raw.db").c_str(), &raw));
+    for (bool byAssignment : {true, false}) {
+        SCOPED_TRACE(byAssignment);
+        sqlite3_stmt* first = nullptr;
+        sqlite3_stmt* second = nullptr;
+        ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(raw, "SELECT 1", -1, &first, nullptr));
+        ASSERT_EQ(SQLITE_OK, sqlite3_prepare_v2(raw, "SELECT 2", -1, &second, nullptr));
+        ASSERT_EQ(SQLITE_ROW, sqlite3_step(first));
+        CSqlLiteQueryInternal cursor;
+        ASSERT_EQ(1, cursor.InitSqlLiteQuery(raw, first, false));
+        if (byAssignment) {
+            cursor = CSqlLiteQueryInternal();
+            sqlite3_finalize(second);
+        } else {
+            ASSERT_EQ(1, cursor.InitSqlLiteQuery(raw, second, false));
+            cursor.Finalize(); // ends the second statement only
+        }
+        EXPECT_EQ(first, sqlite3_next_stmt(raw, nullptr)); // alive, and the only one
+        EXPECT_EQ(nullptr, sqlite3_next_stmt(raw, first));
+        EXPECT_EQ(SQLITE_OK, sqlite3_finalize(first));
+    }
+    EXPECT_EQ(SQLITE_OK, sqlite3_close(raw));
 }

@@ -156,3 +156,35 @@ TEST(TlsVerify, UnverifiedConnectionsAndSessionsAreNeverReusedByAVerifiedTransfe
     ASSERT_EQ(1, Client(Trust::Off, pki).HttpGet(selfSigned.Url("/close/3"), "", "", response));
     EXPECT_EQ(resumedBefore + 1, selfSigned.Resumed());
 }
+
+// A download and the speed probe check the host name too, not only the CA: against the server whose
+// certificate the trusted CA signed for another host, both fail with CURLE_PEER_FAILED_VERIFICATION
+// before a request goes out, and the download leaves nothing in its folder. The same client fetches
+// from the server signed for 127.0.0.1, so the failure is the host name's alone.
+TEST(TlsVerify, DownloadsAndTheSpeedProbeCheckTheHostName) {
+    Pki pki;
+    CountingServer good(&pki.good, kKeepAlive), otherHost(&pki.otherHost, kKeepAlive);
+    const std::string folder = pki.dir / "downloads";
+    ASSERT_TRUE(std::filesystem::create_directory(folder));
+    const std::string target = folder + "/file";
+    const struct {
+        const char* name;
+        Trust trust;
+    } trusts[] = {{"CA file", Trust::CaFile}, {"CA folder", Trust::CaFolder}};
+    for (const auto& t : trusts) {
+        SCOPED_TRACE(t.name);
+        CHttpClientCurl client = Client(t.trust, pki);
+        EXPECT_EQ(0, client.DownloadFile(otherHost.Url("/file"), target, ""));
+        EXPECT_EQ(CURLE_PEER_FAILED_VERIFICATION, client.GetResultCode());
+        EXPECT_TRUE(std::filesystem::is_empty(folder));
+        client.TestNetSpeed(otherHost.Url("/probe"), 30);
+        EXPECT_EQ(CURLE_PEER_FAILED_VERIFICATION, client.GetResultCode());
+        EXPECT_EQ(0.0, client.GetNetSpeed());
+
+        EXPECT_EQ(1, client.DownloadFile(good.Url("/file"), target, ""));
+        EXPECT_EQ(CURLE_OK, client.GetResultCode());
+        EXPECT_TRUE(std::filesystem::exists(target));
+        std::filesystem::remove(target);
+    }
+    EXPECT_EQ(0, otherHost.Requests());
+}

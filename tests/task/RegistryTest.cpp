@@ -148,6 +148,35 @@ TEST(TaskRegistry, DestructorStopsAndDropsEverything) {
     EXPECT_TRUE(keep->Exit());
 }
 
+// An unfinished task whose destructor calls back into its registry while the registry is torn
+// down: it finds the registry whole (its lock alive), closed and empty, and does no harm.
+TEST(TaskRegistry, TeardownSurvivesTaskThatCallsBack) {
+    auto registry = std::make_unique<Registry>();
+    ZOTH::CTesselControlBase* base = registry.get();
+    auto lookUp = &Registry::GetTaskById; // members of the base, callable after Registry's part died
+    auto start = &Registry::StartTask;
+    std::atomic<int> callbacks{0};
+    std::atomic<bool> sawTask{false}, startAccepted{false};
+    for (const char* id : {"a", "b"}) {
+        auto job = MakeJob(id, false); // never completes: only the final clear drops it
+        job->onDestroy = [&, id] {
+            EXPECT_TRUE(base->StopAllTask());
+            EXPECT_TRUE(base->SetStopAddTask());
+            sawTask = sawTask || (base->*lookUp)("a") != nullptr || (base->*lookUp)(id) != nullptr;
+            auto other = std::make_shared<Probe>();
+            startAccepted = startAccepted || (base->*start)(other);
+            ++callbacks;
+        };
+        registry->AddTaskMap(job, id);
+        registry->StartTask(job);
+        ASSERT_TRUE(Eventually([&] { return job->runs.load() == 1; }));
+    }
+    registry.reset();
+    EXPECT_EQ(callbacks.load(), 2);
+    EXPECT_FALSE(sawTask.load());       // empty
+    EXPECT_FALSE(startAccepted.load()); // closed
+}
+
 TEST(TaskRegistry, LockIsReentrantForTheStopperAndHeldAcrossTheSleep) {
     Registry registry;
     std::atomic<bool> insideStop{false}, foundFromStop{false};

@@ -15,20 +15,6 @@ namespace task_test {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-// Under ThreadSanitizer a forced end leaves the thread running, detached, instead of cancelling it.
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kForcedEndCancels = false;
-#else
-constexpr bool kForcedEndCancels = true;
-#endif
-// Windows' TerminateThread ends a thread wherever it is; a POSIX cancellation waits for the thread's
-// next wait or sleep, so a body that spins without either runs on.
-#if defined(_WIN32)
-constexpr bool kForcedEndStopsSpinning = true;
-#else
-constexpr bool kForcedEndStopsSpinning = false;
-#endif
-
 // Polls `done` until it holds or `limit` passes; generous for a loaded machine under sanitizers.
 template <class Pred> bool Eventually(Pred done, milliseconds limit = milliseconds(10000)) {
     for (auto end = Clock::now() + limit; !done(); std::this_thread::sleep_for(milliseconds(2)))

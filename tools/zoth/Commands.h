@@ -27,6 +27,9 @@ int Fail(const std::string& message);
 int Error(const std::string& message);
 // Reads all of standard input as bytes.
 std::string ReadStdin();
+// `md5 -`: streams standard input through MD5 in constant memory and prints "<hex>  -"; 1 with a
+// message when it cannot be read.
+int Md5OfStdin();
 
 // The DLLs that the Windows build delay-loads: the library links against them but loads each only on
 // its first call, which ends the program with an exception when the DLL cannot be loaded.

@@ -46,10 +46,7 @@ int RunMd5(const Args& args) {
         return 0;
     }
     if (args.size() != 1) return Fail("usage: zoth md5 FILE | -s TEXT | -");
-    if (args[0] == "-") {
-        std::printf("%s  -\n", Md5OfBytes(ReadStdin()).c_str());
-        return 0;
-    }
+    if (args[0] == "-") return Md5OfStdin();
     const std::string& path = args[0];
     // GetFileMd5 would create a missing file, so look first.
     if (!PathFileExistsA(path.c_str())) return Error("no such file: " + path);

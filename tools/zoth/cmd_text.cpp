@@ -1,6 +1,7 @@
 // zoth commands and demo section of the text subsystem.
 #include "Commands.h"
 
+#include "text/Md5.h"
 #include "zoth/text/CTimeHelper.h"
 #include "zoth/text/STRING_UTIL.h"
 
@@ -9,6 +10,11 @@
 #include <cstdlib>
 #include <string>
 
+#if defined(_WIN32)
+#include <fcntl.h>
+#include <io.h>
+#endif
+
 namespace zoth_cli {
 
 namespace {
@@ -16,17 +22,94 @@ namespace {
 using ZOTH::CTimeHelper;
 using ZOTH::STRING_UTIL;
 
-// base64 encode|decode [TEXT]: TEXT, or all of standard input when it is absent.
+// Standard input and output as bytes, also on Windows, where they are text streams by default.
+void BinaryStdio() {
+#if defined(_WIN32)
+    _setmode(_fileno(stdin), _O_BINARY);
+    _setmode(_fileno(stdout), _O_BINARY);
+#endif
+}
+
+// Reads the next piece of standard input, up to `most` bytes, into `piece` (replaced); false at the
+// end or on a read error (then ferror(stdin) is set).
+bool ReadPiece(std::string& piece, size_t most) {
+    piece.resize(most);
+    piece.resize(std::fread(piece.data(), 1, most, stdin));
+    return !piece.empty();
+}
+
+bool Write(const std::string& bytes) {
+    return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
+}
+
+constexpr size_t kPiece = 3 * 65536; // whole Base64 groups: a multiple of 3 and of 4
+
+// Encodes standard input piece by piece: pieces of whole 3-byte groups encode to the text of the
+// whole, so memory stays constant however long the input is.
+int EncodeStdin() {
+    std::string piece, carry;
+    bool ok = true;
+    while (ok && ReadPiece(piece, kPiece)) {
+        carry += piece;
+        size_t whole = carry.size() / 3 * 3;
+        ok = Write(STRING_UTIL::Base64Encode(carry.substr(0, whole)));
+        carry.erase(0, whole);
+    }
+    if (std::ferror(stdin)) return Error("base64: cannot read standard input");
+    ok = ok && Write(STRING_UTIL::Base64Encode(carry)) && Write("\n") && std::fflush(stdout) == 0;
+    return ok ? 0 : Error("base64: cannot write standard output");
+}
+
+// Decodes standard input piece by piece, as one call on the whole would: the text ends at its first
+// NUL, trailing line breaks are dropped (unless a NUL came first), and padding may end the text only.
+// Whole 4-character groups are decoded as they come; the last group and any trailing line breaks
+// wait for the end. Bytes of groups before an invalid one are already written by then.
+int DecodeStdin() {
+    std::string piece, pending;
+    bool sawNul = false, ok = true;
+    auto invalid = [] { return Error("base64: input is not valid Base64 text"); };
+    while (ok && !sawNul && ReadPiece(piece, kPiece)) {
+        size_t nul = piece.find('\0');
+        if (nul != std::string::npos) {
+            piece.erase(nul);
+            sawNul = true;
+        }
+        pending += piece;
+        size_t keep = pending.find_last_not_of("\r\n");
+        keep = keep == std::string::npos ? 0 : keep + 1;  // up to the trailing line breaks
+        size_t ready = keep > 4 ? (keep - 4) / 4 * 4 : 0; // the last group waits
+        if (ready == 0) continue;
+        if (pending[ready - 1] == '=') return invalid(); // padding before the end
+        std::string bytes = STRING_UTIL::Base64Decode(pending.substr(0, ready));
+        if (bytes.empty()) return invalid();
+        ok = Write(bytes);
+        pending.erase(0, ready);
+    }
+    if (std::ferror(stdin)) return Error("base64: cannot read standard input");
+    while (!sawNul && !pending.empty() && (pending.back() == '\n' || pending.back() == '\r'))
+        pending.pop_back();
+    if (!pending.empty()) {
+        std::string bytes = STRING_UTIL::Base64Decode(pending);
+        if (bytes.empty()) return invalid();
+        ok = ok && Write(bytes);
+    }
+    ok = ok && std::fflush(stdout) == 0;
+    return ok ? 0 : Error("base64: cannot write standard output");
+}
+
+// base64 encode|decode [TEXT]: TEXT, or all of standard input when it is absent, streamed.
 int RunBase64(const Args& args) {
     if (args.empty() || args.size() > 2) return Fail("usage: base64 encode|decode [TEXT]");
     const std::string& mode = args[0];
     if (mode != "encode" && mode != "decode") return Fail("base64: unknown mode '" + mode + "'");
-    std::string input = args.size() == 2 ? args[1] : ReadStdin();
+    BinaryStdio();
+    if (args.size() == 1) return mode == "encode" ? EncodeStdin() : DecodeStdin();
+    std::string input = args[1];
     if (mode == "encode") {
         std::printf("%s\n", STRING_UTIL::Base64Encode(input).c_str());
         return 0;
     }
-    // Piped text usually ends in a line break, which is no Base64 character.
+    // Text usually ends in a line break, which is no Base64 character.
     while (!input.empty() && (input.back() == '\n' || input.back() == '\r'))
         input.pop_back();
     std::string bytes = STRING_UTIL::Base64Decode(input);
@@ -93,6 +176,20 @@ std::string Hex(const std::string& bytes) {
 }
 
 } // namespace
+
+int Md5OfStdin() {
+    BinaryStdio();
+    ZOTH::text::Md5Context context;
+    ZOTH::text::Md5Init(context);
+    std::string piece;
+    while (ReadPiece(piece, kPiece))
+        ZOTH::text::Md5Update(context, reinterpret_cast<const unsigned char*>(piece.data()),
+                              static_cast<unsigned int>(piece.size()));
+    if (std::ferror(stdin)) return Error("md5: cannot read standard input");
+    ZOTH::text::Md5Final(context);
+    std::printf("%s  -\n", STRING_UTIL::Hex2String(context.digest, 16).c_str());
+    return 0;
+}
 
 std::vector<Command> TextCommands() {
     return {

@@ -3,6 +3,7 @@
 
 #include "zoth/platform/Win32Types.h"
 
+#include <memory>
 #include <sqlite3.h>
 #include <string>
 
@@ -13,30 +14,34 @@ namespace ZOTH {
 /// false, then NextRow(); Finalize() or the destructor ends the statement. Text comes out as SQLite
 /// gives it, in UTF-8, cut at its first NUL byte.
 ///
-/// The cursor owns its statement (a copy does not); the connection stays the CSqlLiteInternal's and
-/// must outlive the cursor's statement. No lock: one thread at a time, the connection's thread.
+/// The cursor and its copies share one statement and its life: Finalize() on any of them, or a
+/// failed NextRow(), finalizes it once for all, and from then on every copy answers Eof() true and
+/// false to every reader. The last holder to be destroyed finalizes it. The connection stays the
+/// CSqlLiteInternal's and must outlive the statement. No lock: one thread at a time, the
+/// connection's thread, for the cursor and all its copies.
 class ZOTH_API CSqlLiteQueryInternal {
 public:
     /// Holds no statement: Eof() is true and every reader answers false.
     CSqlLiteQueryInternal();
-    /// A copy addresses the same statement but does not own it: only the original finalizes it, and
-    /// a copy must not be used after that.
+    /// A copy walks the same statement (a step of one moves all) and shares its life.
     CSqlLiteQueryInternal(const CSqlLiteQueryInternal& other);
-    /// As the copy, except that an owner assigned its own statement stays the owner. A different
-    /// statement the target held is not finalized: call Finalize first.
+    /// As the copy. The statement the target held before is let go and never finalized, even when
+    /// the target was its last holder (it then stays alive and CloseDB fails): call Finalize first.
     CSqlLiteQueryInternal& operator=(const CSqlLiteQueryInternal& other);
-    /// Finalizes the statement if this cursor owns one.
+    /// Lets go of the statement; the last holder finalizes it.
     virtual ~CSqlLiteQueryInternal();
 
     /// Takes over `stmt` of connection `db`, positioned on a row (`eof` false) or at its end (`eof`
-    /// true), and owns it from now on. Takes no step. 0 with nothing changed when either is null.
+    /// true), and owns it from now on. Takes no step. 0 with nothing changed when either is null. A
+    /// statement held before is let go as by assignment.
     int InitSqlLiteQuery(sqlite3* db, sqlite3_stmt* stmt, bool eof);
     /// True at the end of the rows, and whenever no statement is held (fresh, finalized, failed).
     bool Eof();
     /// Steps to the next row; at SQLITE_DONE Eof() becomes true. On any error the statement is
-    /// released (finalized by its owner) and the error code is dropped. Nothing without a statement.
+    /// finalized for every copy and the error code is dropped. Nothing without a statement.
     void NextRow();
-    /// Finalizes an owned statement and lets go of it; nothing when none is held. Keeps GetCols().
+    /// Finalizes the statement for this cursor and every copy; nothing when none is held. Keeps
+    /// GetCols().
     void Finalize();
     /// Column count of the last statement taken; 0 before the first.
     int GetCols();
@@ -93,6 +98,11 @@ private:
     bool m_bEof;           // SQLite has said SQLITE_DONE
     int m_nCols;           // sqlite3_column_count of the statement
     bool m_bOwnStmt;       // this cursor finalizes the statement
+    struct Shared;
+    std::shared_ptr<Shared> m_spShared; // the statement's life, shared by all copies
+
+    sqlite3_stmt* Held();    // the statement while it lives, else null (and m_pStmt cleared)
+    void LetGoUnfinalized(); // before an overwrite: the last holder leaves its statement unfinalized
 };
 
 } // namespace ZOTH

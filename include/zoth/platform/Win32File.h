@@ -162,15 +162,20 @@ ZOTH_API HANDLE FindFirstFolderA(LPCSTR folder, LPWIN32_FIND_DATAA data, DWORD f
 // `name` its cFileName), opened inside the folder the search holds open without following a link: an
 // entry that is no longer a folder (a folder swapped for a link) is ERROR_DIRECTORY. One sub-search
 // per search at a time. To stay within the open-file limit, a deep chain of sub-searches keeps only
-// its deepest folders open: an ancestor that had to let go of its folder (its calls then fail with
-// ERROR_BUSY) takes it back when its sub-search closes, through "..", and only if it is still the
-// same folder (else ERROR_PATH_NOT_FOUND from then on). Taken back, its search starts again at ".",
-// so entries it delivered before and that are still there come again.
+// its 32 deepest folders open, at every moment: an ancestor that had to let go of its folder (its
+// calls then fail with ERROR_BUSY) takes it back when its sub-search closes, through "..", and only
+// if it is still the same folder (else ERROR_PATH_NOT_FOUND from then on). Taken back, its search
+// starts again at ".", so entries it delivered before and that are still there come again.
 ZOTH_API HANDLE FindFirstFoundFolderA(HANDLE search, LPCSTR path, LPCSTR name, LPWIN32_FIND_DATAA data,
                                       DWORD flags);
 // RemoveDirectoryA for an empty subfolder that `search` has just delivered, found inside the folder
 // the search holds open (never through a link).
 ZOTH_API BOOL RemoveFoundDirectoryA(HANDLE search, LPCSTR path, LPCSTR name);
+// For tests only: `hook` (null for none) is called on the walking thread each time a chain of
+// sub-searches lets go of an ancestor's folder, with that folder's device and inode, so that a test
+// can change the tree at that very moment.
+ZOTH_API void ZothSetFolderParkedHookForTests(void (*hook)(unsigned long long device,
+                                                           unsigned long long inode));
 
 // UTC to local time, with the time zone's offset of the present moment (as on Windows), whatever the
 // offset was at the time converted: a summer time read in winter gets the winter offset.

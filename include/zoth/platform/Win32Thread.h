@@ -47,9 +47,10 @@ ZOTH_API BOOL DuplicateHandle(HANDLE hSourceProcessHandle, HANDLE hSourceHandle,
 ZOTH_API uintptr_t _beginthreadex(void* security, unsigned stack_size, unsigned (*start_address)(void*),
                                   void* arglist, unsigned initflag, unsigned* thrdaddr);
 
-/// Ends a thread by force with `dwExitCode`. On POSIX the thread is cancelled: it ends at its next
-/// cancellation point (any wait or sleep), unwinding its stack; in a ThreadSanitizer build, which
-/// cannot follow a cancelled thread, it is left running, detached. Never waits for it.
+/// Ends a thread by force with `dwExitCode`, wherever it is, without unwinding it. On POSIX a signal
+/// parks the thread for good (its stack and any lock it holds stay) and the call returns once it is
+/// parked, so it runs no code of its own again; the handle is then signalled. A thread that blocked
+/// that signal (SIGRTMAX-1) runs on; the call gives up waiting for it after 2 seconds.
 ZOTH_API BOOL TerminateThread(HANDLE hThread, DWORD dwExitCode);
 
 /// The exit code of a thread: what its entry returned, the code given to TerminateThread, or

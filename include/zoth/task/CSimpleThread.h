@@ -20,7 +20,8 @@ public:
     /// All fields at their defaults; no event or thread exists yet.
     CSimpleThread();
     /// Asks the worker to end (as BreakThread), gives it 500 ms, ends it by force after that, and
-    /// closes the handles. Never waits longer; a forced worker never touches the object again.
+    /// closes the handles. A forced end unwinds nothing and returns once the worker is stopped for
+    /// good (parked, on Linux), so its body never runs again; see the README for what it costs.
     virtual ~CSimpleThread();
     /// The body, run on the worker once per start signal. `exitFlag` is the address of m_bExit: it
     /// turns true when a stop is asked (read it through std::atomic_ref<bool>), and setting it true

@@ -21,8 +21,9 @@ public:
     /// An empty, open registry. Throws std::system_error with the platform error code when its lock
     /// cannot be prepared.
     CTesselControlBase();
-    /// Closes the registry, runs this class's StopAllTask (not an override), deletes the lock, then
-    /// drops every entry that is left, complete or not.
+    /// Closes the registry, runs this class's StopAllTask (not an override), takes every entry that is
+    /// left out of the map under the lock and drops it outside (a task destructor that calls back
+    /// finds the registry closed and empty), then deletes the lock.
     virtual ~CTesselControlBase();
     /// Tells every task to stop (StopTask, then what BreakThread does), sleeps 200 ms, and erases the
     /// tasks that report completion, all under the lock. Always true. May block for 200 ms plus up to

@@ -24,7 +24,10 @@ public:
     /** @name Code-page conversion
      *  "Asci" is the ANSI code page (CP_ACP), not 7-bit ASCII; wide text is UTF-16 code units. Every
      *  string form gives an empty result for empty input and when the platform call fails, which
-     *  cannot be told from an empty conversion. */
+     *  cannot be told from an empty conversion. The platform calls count in int, so an input is
+     *  converted while its worst-case result fits INT_MAX units: up to INT_MAX - 1 units of input
+     *  to wide text, about INT_MAX / 3 (UTF-8 from ANSI, wide to UTF-8; / 4 where wchar_t is 32-bit)
+     *  or INT_MAX / 2 (to ANSI). A longer input gives "" (or false) with ERROR_NOT_ENOUGH_MEMORY. */
     //@{
     /// UTF-16 to UTF-8; an unpaired surrogate becomes U+FFFD.
     static std::string Unicode2Utf8(const std::wstring& text);
@@ -32,6 +35,8 @@ public:
     static std::string Unicode2Utf8(const wchar_t* text);
     /// UTF-16 to UTF-8 into the caller's buffer, which needs *size >= 3(n+1) bytes for n units, else
     /// false with nothing touched. On true *size is the byte count written, without the terminator.
+    /// Where wchar_t is 32-bit an element above U+FFFF takes 4 bytes; text that then does not fit
+    /// gives false (ERROR_INSUFFICIENT_BUFFER) with the buffer cleared, never a cut conversion.
     static bool Unicode2Utf8(const std::wstring& text, char* buffer, DWORD* size);
     /// UTF-8 to UTF-16; invalid bytes become U+FFFD.
     static std::wstring Utf82Unicode(const std::string& text);
