@@ -249,6 +249,42 @@ status=$?
   pass "example download_verify runs: $(echo "$out" | tail -1)" ||
   fail "example download_verify runs (exit $status): $(echo "$out" | tail -3)"
 
+# The delay-load road, for clients who ship their own libcurl and SQLite: the DLL and zoth.exe built
+# with ZOTH_WINDOWS_DELAY_LOAD=ON load and serve without the two DLLs (the commands that need one
+# refuse in one line) and use them once they are beside the program.
+echo "--- the delay-load road (ZOTH_WINDOWS_DELAY_LOAD=ON)"
+launcher=()
+command -v ccache >/dev/null 2>&1 && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+if cmake --preset windows -B build/windows-delay -DZOTH_WINDOWS_DELAY_LOAD=ON -DZOTH_BUILD_TESTS=OFF \
+  "${launcher[@]}" >"$work/delay.log" 2>&1 && cmake --build build/windows-delay --target zoth -j2 >>"$work/delay.log" 2>&1; then
+  delay=$work/delay
+  mkdir -p "$delay"
+  cp build/windows-delay/bin/zoth.exe build/windows-delay/bin/ZOTHCommonDll.dll "$bin"/lib*-*.dll "$delay/"
+  rm -f "$delay/libcurl-x64.dll"
+  dzoth() { (cd "$delay" && timeout 120 wine zoth.exe "$@") 2>&1 | tr -d '\r'; }
+  refused() { # refused DLL COMMAND...: exit 1 and one line naming DLL
+    local dll=$1 out status
+    shift
+    out=$(dzoth "$@")
+    status=$?
+    [ "$(printf '%s\n' "$out" | wc -l)" -eq 1 ] && [[ "$out" == *"$dll"* ]] && pass "delay-loaded zoth $1 without $dll: $out" ||
+      fail "delay-loaded zoth $1 without $dll: $out"
+  }
+  [ "$(dzoth md5 -s abc)" = 900150983cd24fb0d6963f7d28e17f72 ] && pass "delay-loaded zoth md5 without either DLL" ||
+    fail "delay-loaded zoth md5 without either DLL"
+  refused libcurl-x64.dll get "$plain/x"
+  refused sqlite3.dll sql "$(winepath -w "$work/delay.db")" "SELECT 1"
+  cp "$bin/libcurl-x64.dll" "$bin/sqlite3.dll" "$delay/"
+  out=$(dzoth get --cacert "$(fixture ca_folder)" "$good_localhost/delayed")
+  [ "$out" = "/delayed:" ] && pass "delay-loaded zoth get --cacert FOLDER with the DLL beside it" ||
+    fail "delay-loaded zoth get with the DLL beside it: $out"
+  out=$(dzoth sql "$(winepath -w "$work/delay.db")" "SELECT 2")
+  [ "$out" = $'2\n2' ] && pass "delay-loaded zoth sql with the DLL beside it" || fail "delay-loaded zoth sql: $out"
+else
+  tail -30 "$work/delay.log"
+  fail "the delay-load build"
+fi
+
 # The demo runs every step, none skipped.
 zoth demo >"$work/demo.log" 2>&1
 status=$?
