@@ -1,13 +1,10 @@
 # The Windows build (mingw-w64, see cmake/mingw-w64-x86_64.cmake), included by the top CMakeLists.txt
 # in place of the Linux dependency search and before the library target is made.
 #
-# - libcurl and SQLite are not built for mingw on Debian. The library still links completely, against
-#   delay-load import libraries generated from short .def files (cmake/windows/) that list the calls it
-#   makes: libcurl-x64.dll and sqlite3.dll are then loaded on the first call that needs them, so the
-#   DLL loads and serves everything else where they are absent. Their headers are the Linux ones,
-#   which are the same on both systems, seen through a folder that holds nothing else.
+# - libcurl and SQLite are not built for mingw on Debian: scripts/build-windows-deps.sh builds them
+#   from Debian's sources (see below), or a client's own builds are delay-loaded.
 # - The platform layer (src/platform) is not built: on Windows its calls are the system's own, apart
-#   from the few calls of its own that Windows lacks (the *Windows.cpp sources).
+#   from the few calls of its own that Windows lacks (the *Windows.cpp sources and src/platform/windows).
 # - The DLL is ZOTHCommonDll.dll with the import library libZOTHCommonDll.dll.a; programs and DLLs go
 #   to bin/ together with the MinGW runtime DLLs they need, so bin/ runs as it is (under Wine too).
 # - Warnings: the ordinary flags plus -Wpedantic, so the sources stay buildable by other compilers.
@@ -33,17 +30,36 @@ set_source_files_properties(${_zoth_platform_sources} PROPERTIES HEADER_FILE_ONL
 set_source_files_properties(${PROJECT_SOURCE_DIR}/src/platform/FileTemporaryWindows.cpp
   PROPERTIES HEADER_FILE_ONLY OFF)
 
-# libcurl's and SQLite's headers, and nothing else from /usr/include.
-find_path(ZOTH_CURL_HEADER_DIR curl/curl.h PATHS /usr/include /usr/include/${CMAKE_LIBRARY_ARCHITECTURE}
-  /usr/include/x86_64-linux-gnu NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
-find_path(ZOTH_SQLITE_HEADER_DIR sqlite3.h PATHS /usr/include NO_DEFAULT_PATH NO_CMAKE_FIND_ROOT_PATH)
-if(NOT ZOTH_CURL_HEADER_DIR OR NOT ZOTH_SQLITE_HEADER_DIR)
-  message(FATAL_ERROR "libcurl or SQLite headers missing (run scripts/install-deps.sh)")
+# libcurl and SQLite: by default, the Windows builds of scripts/build-windows-deps.sh (libcurl with
+# Schannel, SQLite, from Debian's sources), linked as ordinary imports and copied beside the programs
+# in bin/ with their licence notices. The script runs here (it does nothing when its cache folder is
+# present); ZOTH_WINDOWS_DEPS names another folder of the same layout instead.
+set(ZOTH_WINDOWS_DEPS "" CACHE PATH
+  "Windows builds of libcurl and SQLite (bin/, lib/, include/); empty: those of scripts/build-windows-deps.sh")
+# ZOTH_WINDOWS_DELAY_LOAD ON is the road for clients who ship their own libcurl-x64.dll and
+# sqlite3.dll: the library then links delay-load import libraries generated from short .def files
+# (cmake/windows/) that list the calls it makes, so the DLL loads and serves everything else where
+# those two are absent, and loads them on the first call that needs them.
+option(ZOTH_WINDOWS_DELAY_LOAD "Windows: delay-load libcurl-x64.dll and sqlite3.dll through generated import libraries" OFF)
+if(NOT ZOTH_WINDOWS_DEPS)
+  execute_process(COMMAND bash ${PROJECT_SOURCE_DIR}/scripts/build-windows-deps.sh
+    OUTPUT_VARIABLE _deps_out RESULT_VARIABLE _deps_status)
+  if(NOT _deps_status EQUAL 0)
+    message(FATAL_ERROR "scripts/build-windows-deps.sh failed: no Windows libcurl and SQLite to link")
+  endif()
+  string(STRIP "${_deps_out}" _deps_out)
+  string(REGEX REPLACE ".*\n" "" _zoth_deps "${_deps_out}")
+else()
+  set(_zoth_deps ${ZOTH_WINDOWS_DEPS})
 endif()
+message(STATUS "Windows libcurl and SQLite: ${_zoth_deps}")
+set(ZOTH_WINDOWS_DEPS_DIR ${_zoth_deps} CACHE INTERNAL "The folder of the Windows libcurl and SQLite in use")
+
+# The headers of both, and nothing else, in one folder (the examples' test build uses it too).
 set(_zoth_dep_headers ${PROJECT_BINARY_DIR}/dep-headers)
 file(MAKE_DIRECTORY ${_zoth_dep_headers})
-file(CREATE_LINK ${ZOTH_CURL_HEADER_DIR}/curl ${_zoth_dep_headers}/curl SYMBOLIC)
-file(CREATE_LINK ${ZOTH_SQLITE_HEADER_DIR}/sqlite3.h ${_zoth_dep_headers}/sqlite3.h SYMBOLIC)
+file(CREATE_LINK ${_zoth_deps}/include/curl ${_zoth_dep_headers}/curl SYMBOLIC)
+file(CREATE_LINK ${_zoth_deps}/include/sqlite3.h ${_zoth_dep_headers}/sqlite3.h SYMBOLIC)
 
 # zoth_delay_import(TARGET DEF LIB): TARGET is an imported target whose link line is the delay-load
 # import library LIB made from DEF at build time. Linking against the file's full path makes every link that
@@ -64,17 +80,31 @@ function(zoth_delay_import target def lib)
     INTERFACE_INCLUDE_DIRECTORIES ${_zoth_dep_headers}
     INTERFACE_LINK_LIBRARIES ${_lib})
 endfunction()
-# With your own Windows builds of libcurl and SQLite (made with this compiler), ZOTH_WINDOWS_DELAY_LOAD
-# OFF links them as ordinary imports instead: their CMake packages or libraries and headers are found
-# below CMAKE_FIND_ROOT_PATH (give their install prefix there).
-option(ZOTH_WINDOWS_DELAY_LOAD "Windows: delay-load libcurl-x64.dll and sqlite3.dll through generated import libraries" ON)
 if(ZOTH_WINDOWS_DELAY_LOAD)
   zoth_delay_import(CURL::libcurl ${PROJECT_SOURCE_DIR}/cmake/windows/libcurl-x64.def libcurl-x64.delay.a)
   zoth_delay_import(SQLite::SQLite3 ${PROJECT_SOURCE_DIR}/cmake/windows/sqlite3.def libsqlite3.delay.a)
 else()
-  find_package(CURL REQUIRED)
+  list(APPEND CMAKE_FIND_ROOT_PATH ${_zoth_deps})
+  find_package(CURL CONFIG REQUIRED)
   find_package(SQLite3 REQUIRED)
+  # The installed package carries both, so a Windows client's find_dependency(CURL) and
+  # find_dependency(SQLite3) resolve in its own prefix.
+  install(FILES ${_zoth_deps}/bin/libcurl-x64.dll ${_zoth_deps}/bin/sqlite3.dll ${_zoth_deps}/bin/sqlite3.exe
+    DESTINATION bin COMPONENT runtime)
+  install(DIRECTORY ${_zoth_deps}/share/licenses DESTINATION share COMPONENT runtime)
+  install(DIRECTORY ${_zoth_deps}/include/ DESTINATION include COMPONENT development)
+  install(FILES ${_zoth_deps}/lib/libcurl-x64.dll.a ${_zoth_deps}/lib/libsqlite3.dll.a
+    DESTINATION lib COMPONENT development)
+  install(DIRECTORY ${_zoth_deps}/lib/cmake/CURL DESTINATION lib/cmake COMPONENT development)
+  install(DIRECTORY ${_zoth_deps}/lib/pkgconfig/ DESTINATION lib/pkgconfig COMPONENT development)
 endif()
+# The two DLLs, the SQLite shell and the licence notices beside the programs.
+add_custom_target(zoth_windows_deps ALL
+  COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
+  COMMAND ${CMAKE_COMMAND} -E copy_if_different ${_zoth_deps}/bin/libcurl-x64.dll ${_zoth_deps}/bin/sqlite3.dll
+    ${_zoth_deps}/bin/sqlite3.exe ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}
+  COMMAND ${CMAKE_COMMAND} -E copy_directory ${_zoth_deps}/share/licenses ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/licenses
+  VERBATIM)
 
 # The DLL carries a version resource with the project's version (GetFileVersionInfo reads it; the
 # Windows test run checks `zoth version ZOTHCommonDll.dll`). The target is made after this file, so

@@ -11,6 +11,7 @@ PACKAGES=(
   sqlite3 curl openssl time
   clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix wine64 wine
+  tcl libz-mingw-w64-dev patch python3 iproute2  # Windows libcurl/SQLite builds, test servers, port 80 namespace
   doxygen lintian abigail-tools dpkg-dev fakeroot
   libpoco-dev libabsl-dev  # benchmark peers only: the library never links them
 )

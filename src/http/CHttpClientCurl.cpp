@@ -10,6 +10,7 @@
 #include "http/RetryPolicy.h"
 #include "http/KeptHandle.h"
 #include "http/ProxySettings.h"
+#include "http/TlsTrust.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -168,32 +169,10 @@ bool CHttpClientCurl::SetShareAndTrustOptions() {
     if (s.bTlsVerify) {
         // libcurl takes the CA settings into account when it picks a pooled connection or a cached
         // TLS session, so a verifying transfer never rides on one that was made without verification.
-        std::error_code ec;
-        if (s.strCaPath.empty()) {
-            // The system's store: libcurl's built-in bundle here, the native store where it has one.
-            if (!SetCurlOption(c, r, CURLOPT_SSL_OPTIONS, static_cast<long>(CURLSSLOPT_NATIVE_CA)))
-                return false;
-        } else if (std::filesystem::is_directory(s.strCaPath, ec)) {
-            // Instead of the system's store: its default bundle file is unset.
-            if (!SetCurlOption(c, r, CURLOPT_CAPATH, s.strCaPath.c_str()) ||
-                !SetCurlOption(c, r, CURLOPT_CAINFO, static_cast<const char*>(nullptr)))
-                return false;
-        } else {
-            if (!SetCurlOption(c, r, CURLOPT_CAINFO, s.strCaPath.c_str()) ||
-                !SetCurlOption(c, r, CURLOPT_CAPATH, static_cast<const char*>(nullptr)))
-                return false;
-        }
+        if (!http::SetTrustOptions(c, r, s.strCaPath)) return false;
     }
     // An https:// proxy's own certificate is checked against the object's CA too, when one is set.
-    if (s.bTlsVerify && !s.strCaPath.empty()) {
-        std::error_code ec;
-        const bool folder = std::filesystem::is_directory(s.strCaPath, ec);
-        const CURLoption use = folder ? CURLOPT_PROXY_CAPATH : CURLOPT_PROXY_CAINFO;
-        const CURLoption unset = folder ? CURLOPT_PROXY_CAINFO : CURLOPT_PROXY_CAPATH;
-        if (!SetCurlOption(c, r, use, s.strCaPath.c_str()) ||
-            !SetCurlOption(c, r, unset, static_cast<const char*>(nullptr)))
-            return false;
-    }
+    if (s.bTlsVerify && !http::SetProxyTrustOptions(c, r, s.strCaPath)) return false;
     const http::Pool pool = PoolOf(s);
     CURLSH* share = pool == http::Pool::Shared ? http::ProcessShare() : nullptr;
     // A kept handle keeps its share through the reset: it is set, or cleared, on every transfer.

@@ -6,12 +6,11 @@
 #include "zoth/database/CSqlLiteInternal.h"
 #include "zoth/database/CSqlLiteQueryInternal.h"
 
+#include "Portable.h"
+
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <string>
-#if !defined(_WIN32)
-#include <sys/wait.h>
-#endif
 
 namespace zoth_test {
 
@@ -57,22 +56,16 @@ inline long long ScalarInt(OpenDb& conn, const std::string& sql) {
 
 // Runs a shell command: its exit status (-1 when it did not exit) and what it wrote to stdout.
 inline int RunCommand(const std::string& command, std::string& out) {
-#if defined(_WIN32)
-    FILE* pipe = _popen(command.c_str(), "rb");
-#else
-    FILE* pipe = popen(command.c_str(), "r");
-#endif
+    FILE* pipe = OpenPipe(command, "r");
     if (pipe == nullptr) return -1;
     out.clear();
     char buffer[4096];
     for (size_t n; (n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0;)
         out.append(buffer, n);
-#if defined(_WIN32)
-    return _pclose(pipe); // the command's exit code
-#else
-    int status = pclose(pipe);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-#endif
+    if (kWindows) // Windows programs end their text lines with CR LF
+        for (size_t at; (at = out.find("\r\n")) != std::string::npos;)
+            out.erase(at, 1);
+    return ClosePipe(pipe);
 }
 
 } // namespace zoth_test

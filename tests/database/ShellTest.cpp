@@ -15,6 +15,7 @@
 
 using ZOTH::CSqlLiteQueryInternal;
 using zoth_test::OpenDb;
+using zoth_test::Quote;
 using zoth_test::RunCommand;
 using zoth_test::ScalarInt;
 using zoth_test::TempDir;
@@ -50,13 +51,18 @@ bool WriteLockIsHeld(const std::string& path) {
 std::string RunShell(const TempDir& dir, const std::string& db, const std::string& options,
                      const std::string& sql) {
     std::ofstream(dir / "script.sql", std::ios::binary) << sql;
-    std::string out, script = " < '" + (dir / "script.sql") + "' 2>&1";
-    EXPECT_EQ(0, RunCommand("sqlite3 -batch " + options + " '" + db + "'" + script, out)) << out;
+    std::string out, script = " < " + Quote(dir / "script.sql") + " 2>&1";
+    EXPECT_EQ(0, RunCommand("sqlite3 -batch " + options + " " + Quote(db) + script, out)) << out;
     return out;
 }
 
-// The zoth tool of this build, or "" when the tool is not built.
+// The zoth tool of this build, or "" when the tool is not built. On Windows every program of the
+// build is in one folder.
 std::string ZothPath() {
+    if (zoth_test::kWindows) {
+        std::filesystem::path tool = std::filesystem::path(zoth_test::SelfExe()).parent_path() / "zoth.exe";
+        return std::filesystem::exists(tool) ? tool.string() : "";
+    }
     const char* bin = std::getenv("ZOTH_TEST_BIN_DIR");
     std::filesystem::path tool = std::filesystem::path(bin ? bin : "/nonexistent") / "../../tools/zoth/zoth";
     return std::filesystem::exists(tool) ? tool.string() : "";
@@ -86,7 +92,7 @@ TEST(DatabaseBusy, WriteBlockedByTheSqliteShellGivesUp) {
     OpenDb writer(path);
     writer.Exec("CREATE TABLE t(x)");
     // The real sqlite3 shell takes a write lock and keeps it while it waits for more input.
-    FILE* shell = popen(("sqlite3 '" + path + "'").c_str(), "w");
+    FILE* shell = zoth_test::OpenPipe("sqlite3 " + Quote(path), "w");
     ASSERT_NE(nullptr, shell);
     std::fputs(".timeout 5000\nBEGIN IMMEDIATE;\nINSERT INTO t VALUES(100);\n", shell);
     std::fflush(shell);
@@ -96,7 +102,7 @@ TEST(DatabaseBusy, WriteBlockedByTheSqliteShellGivesUp) {
     EXPECT_TRUE(held) << "the shell never took its lock";
     if (held) ExpectBusy(writer, "INSERT INTO t VALUES(1)");
     // End of input: the shell exits and its open transaction is rolled back.
-    EXPECT_EQ(0, pclose(shell));
+    EXPECT_EQ(0, zoth_test::ClosePipe(shell));
     writer.Exec("INSERT INTO t VALUES(1)");
     EXPECT_EQ(1, ScalarInt(writer, "SELECT sum(x) FROM t"));
 }
@@ -155,37 +161,37 @@ TEST(DatabaseShell, ShellReadsWhatTheLibraryWrote) {
         EXPECT_EQ(1, c.db.CloseDB());
     }
     EXPECT_EQ("ok\n-3|-0.001|it's|z\n1|0.25|start|<null>\n2|3.5|\xE2\x82\xAC 10|\n",
-              RunShell(dir, path, "-separator '|' -nullvalue '<null>'",
+              RunShell(dir, path, "-separator " + Quote("|") + " -nullvalue " + Quote("<null>"),
                        "PRAGMA integrity_check;\nSELECT id, level, msg, extra FROM log ORDER BY id;\n"));
 }
 
 TEST(DatabaseSqlCommand, PrintsRowsAndReportsFailures) {
     if (ZothPath().empty()) GTEST_SKIP() << "zoth tool not built";
     TempDir dir;
-    const std::string db = " '" + (dir / "cli.db") + "' ";
+    const std::string db = " " + Quote(dir / "cli.db") + " ";
     const struct {
         std::string args;
         int status;
         const char *out, *err; // err: text stderr must hold; nullptr: not checked
     } runs[] = {
         {"--exec" + db +
-             "\"CREATE TABLE t(a INTEGER, b TEXT, c REAL); "
-             "INSERT INTO t VALUES(1, 'x', NULL), (2, '', 2.5);\"",
+             Quote("CREATE TABLE t(a INTEGER, b TEXT, c REAL); "
+                   "INSERT INTO t VALUES(1, 'x', NULL), (2, '', 2.5);"),
          0, "", nullptr},
         // NULL shown apart from the empty text
-        {db + "'SELECT a, b, c AS price FROM t ORDER BY a'", 0, "a\tb\tprice\n1\tx\tNULL\n2\t\t2.5\n",
+        {db + Quote("SELECT a, b, c AS price FROM t ORDER BY a"), 0, "a\tb\tprice\n1\tx\tNULL\n2\t\t2.5\n",
          nullptr},
-        {db + "'SELECT a FROM t WHERE a > 5'", 0, "a\n", nullptr},
-        {db + "'SELEC a FROM t'", 1, nullptr, "SQLite code 1"},
-        {db + "'INSERT INTO t(a) SELECT abs(-9223372036854775808)'", 1, nullptr, "SQLite code 1"},
+        {db + Quote("SELECT a FROM t WHERE a > 5"), 0, "a\n", nullptr},
+        {db + Quote("SELEC a FROM t"), 1, nullptr, "SQLite code 1"},
+        {db + Quote("INSERT INTO t(a) SELECT abs(-9223372036854775808)"), 1, nullptr, "SQLite code 1"},
         {db, 2, nullptr, nullptr},
-        {"'" + (dir / "no-folder/x.db") + "' 'SELECT 1'", 1, nullptr, nullptr},
+        {Quote(dir / "no-folder/x.db") + " " + Quote("SELECT 1"), 1, nullptr, nullptr},
     };
     std::string out, err;
     for (const auto& run : runs) {
         SCOPED_TRACE(run.args);
         EXPECT_EQ(run.status,
-                  RunCommand("'" + ZothPath() + "' sql " + run.args + " 2>'" + (dir / "err") + "'", out));
+                  RunCommand(Quote(ZothPath()) + " sql " + run.args + " 2>" + Quote(dir / "err"), out));
         std::stringstream text;
         text << std::ifstream(dir / "err").rdbuf();
         err = text.str();

@@ -4,15 +4,18 @@
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "LoopbackServer.h"
+#include "Portable.h"
 
 #include <gtest/gtest.h>
 
+#if !defined(_WIN32)
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <cstdint>
@@ -48,10 +51,12 @@ std::vector<std::string> Names(const std::string& dir) {
     return names;
 }
 
+#if !defined(_WIN32)
 unsigned ModeOf(const std::string& path) {
     struct stat st;
     return ::stat(path.c_str(), &st) == 0 ? st.st_mode & 07777 : ~0u;
 }
+#endif
 
 // Serves `body` in pieces of 64 KiB a few milliseconds apart, so that a client sees the transfer in
 // progress many times (a client that finds more data waiting reads on without reporting progress).
@@ -122,7 +127,8 @@ TEST(HttpDownloadStream, TemporaryFileBesideTheTargetOnlyWhileReceiving) {
     ASSERT_EQ(during.size(), 2u);
     const std::string temp = during[0] == "target.bin" ? during[1] : during[0];
     EXPECT_EQ(temp.substr(0, 3), "zdl");
-    EXPECT_EQ(temp.substr(temp.size() - 4), ".TMP");
+    // GetTempFileName names it .TMP on Windows; Wine's writes .tmp.
+    EXPECT_EQ(temp.substr(temp.size() - 4), zoth_test::UnderWine() ? ".tmp" : ".TMP");
     EXPECT_EQ(targetDuring, kept);
     EXPECT_GT(tempBytesDuring, 0u);
     EXPECT_TRUE(ReadAll(target) == payload) << "content differs";
@@ -166,6 +172,9 @@ TEST(HttpDownloadStream, TemporaryFileBesideTheTargetOnlyWhileReceiving) {
 }
 
 TEST(HttpDownloadStream, ModesHardLinksRefusedTargetsAndSymbolicLinks) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "Linux only: POSIX modes, umask, hard and symbolic links";
+#else
     const std::string payload = Payload(300 * 1024 + 5);
     LoopbackServer server;
     RouteCommon(server, payload);
@@ -224,11 +233,15 @@ TEST(HttpDownloadStream, ModesHardLinksRefusedTargetsAndSymbolicLinks) {
     EXPECT_EQ(ModeOf(real), 0444u);
     EXPECT_TRUE(ReadAll(real) == payload) << "content differs";
     EXPECT_EQ(Names(dir / "real"), std::vector<std::string>{"file.bin"});
+#endif
 }
 
 // A write that fails midway (here a file-size limit the child process sets on itself, with SIGXFSZ
 // ignored so that the write reports EFBIG) leaves the old file whole and no temporary file.
 TEST(HttpDownloadStream, WriteFailingMidwayLeavesTheOldFileWhole) {
+#if defined(_WIN32)
+    GTEST_SKIP() << "Linux only: a file-size limit set with setrlimit in a forked child";
+#else
     const std::string payload = Payload(1 << 20);
     LoopbackServer server;
     RouteCommon(server, payload);
@@ -258,6 +271,7 @@ TEST(HttpDownloadStream, WriteFailingMidwayLeavesTheOldFileWhole) {
     CHttpClientCurl client;
     EXPECT_EQ(1, client.DownloadFile(url, target, ""));
     EXPECT_TRUE(ReadAll(target) == payload) << "content differs";
+#endif
 }
 
 // A body past 4 GiB arrives whole: its size, bytes on both sides of the 4 GiB mark, and what the
@@ -288,15 +302,17 @@ TEST(HttpDownloadStream, BodiesOf4GiBAndMore) {
     ASSERT_EQ(1, client.DownloadFile(server.Url("/huge"), target, ""));
     EXPECT_EQ(lastNow, static_cast<double>(size));
     EXPECT_EQ(fs::file_size(target), size);
-    int fd = ::open(target.c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
+    std::ifstream in(target, std::ios::binary);
+    ASSERT_TRUE(in.is_open());
     for (uint64_t offset : {uint64_t{0}, (uint64_t{1} << 32) - 2, uint64_t{1} << 32, size - 3}) {
         unsigned char bytes[2] = {};
-        const ssize_t n = ::pread(fd, bytes, 2, static_cast<off_t>(offset));
-        EXPECT_EQ(n, offset + 2 <= size ? 2 : 1) << offset;
+        in.clear();
+        in.seekg(static_cast<std::streamoff>(offset));
+        in.read(reinterpret_cast<char*>(bytes), 2);
+        EXPECT_EQ(in.gcount(), offset + 2 <= size ? 2 : 1) << offset;
         EXPECT_EQ(bytes[0], offset % 251) << offset;
         EXPECT_EQ(bytes[1], (offset + 1) % 251) << offset;
     }
-    ::close(fd);
+    in.close();
     EXPECT_EQ(Names(dir.Path()), std::vector<std::string>{"huge.bin"});
 }

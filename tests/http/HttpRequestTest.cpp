@@ -2,6 +2,8 @@
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "LoopbackServer.h"
+#include "Portable.h"
+#include "TlsFixture.h"
 
 #include <gtest/gtest.h>
 
@@ -179,13 +181,22 @@ TEST(HttpRequest, StopFromAnotherThreadEndsTheTransfer) {
 }
 
 TEST(HttpRequest, HttpsWithSelfSignedCertificateAndProxy) {
-    LoopbackServer tls(true);
-    Recorder secure(tls);
-    ASSERT_TRUE(tls.Start());
     CHttpClientCurl client;
     std::string response;
-    ASSERT_EQ(1, client.HttpPost(tls.Url("/echo"), "", "over tls", response)) << client.GetResultCode();
-    EXPECT_EQ(Recorder::Answer("POST", "over tls"), response);
+    if (zoth_test::kWindows) { // no TLS server in a Windows program: the Linux side's, when present
+        const zoth_test::TlsFixture fixture;
+        if (fixture.Present()) {
+            ASSERT_EQ(1, client.HttpPost(fixture.Url("self_signed", "/echo"), "", "over tls", response))
+                << client.GetResultCode();
+            EXPECT_EQ("/echo:over tls", response);
+        }
+    } else {
+        LoopbackServer tls(true);
+        Recorder secure(tls);
+        ASSERT_TRUE(tls.Start());
+        ASSERT_EQ(1, client.HttpPost(tls.Url("/echo"), "", "over tls", response)) << client.GetResultCode();
+        EXPECT_EQ(Recorder::Answer("POST", "over tls"), response);
+    }
 
     LoopbackServer plain;
     Recorder echo(plain);

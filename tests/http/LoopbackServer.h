@@ -1,8 +1,11 @@
 // Real cpp-httplib servers on 127.0.0.1 (plain, or TLS with a certificate made now) and a proxy.
 // Declare what the handlers use before the server: they may run until its destructor has stopped it.
+// On Windows cpp-httplib is built without OpenSSL: TLS servers run on the Linux side (TlsFixture.h).
 #pragma once
 
+#if !defined(_WIN32)
 #define CPPHTTPLIB_OPENSSL_SUPPORT
+#endif
 #include <httplib.h>
 
 #include "TempDir.h"
@@ -30,20 +33,28 @@ class LoopbackServer {
 public:
     explicit LoopbackServer(bool tls = false) : m_scheme(tls ? "https" : "http") {
         if (tls) {
+#if defined(_WIN32)
+            throw std::runtime_error("no TLS server in a Windows test program (see TlsFixture.h)");
+#else
             const std::string key = m_certDir / "key.pem", cert = m_certDir / "cert.pem";
             const std::string command = "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 "
                                         "-nodes -days 2 -subj /CN=127.0.0.1 -keyout " +
                                         key + " -out " + cert + " >/dev/null 2>&1";
             if (std::system(command.c_str()) != 0) throw std::runtime_error("openssl made no certificate");
             m_server = std::make_unique<httplib::SSLServer>(cert.c_str(), key.c_str());
+#endif
         } else {
             m_server = std::make_unique<httplib::Server>();
         }
         m_server->set_keep_alive_timeout(1); // idle keep-alive connections would hold Stop() for 5 s
     }
-    ~LoopbackServer() { Stop(); }
+    ~LoopbackServer() {
+        Stop();
+    }
 
-    httplib::Server& Http() { return *m_server; }
+    httplib::Server& Http() {
+        return *m_server;
+    }
 
     // Binds 127.0.0.1 (port 0: any free port) and serves on a thread. false when the port is taken.
     bool Start(int port = 0) {
@@ -63,7 +74,9 @@ public:
         }
     }
 
-    int Port() const { return m_port; }
+    int Port() const {
+        return m_port;
+    }
     std::string Url(const std::string& path) const {
         return m_scheme + "://127.0.0.1:" + std::to_string(m_port) + path;
     }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -17,6 +18,7 @@
 #else
 #include <climits>
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #endif
@@ -252,6 +254,40 @@ inline std::string SelfExe() {
     char path[PATH_MAX] = {};
     const ssize_t n = ::readlink("/proc/self/exe", path, sizeof path - 1);
     return n > 0 ? std::string(path, static_cast<size_t>(n)) : "";
+#endif
+}
+
+// One argument for the system's shell, quoted: in single quotes for a POSIX shell, in double quotes
+// for cmd.exe (the tests pass no double quote in an argument).
+inline std::string Quote(const std::string& arg) {
+#if defined(_WIN32)
+    return "\"" + arg + "\"";
+#else
+    std::string quoted = "'";
+    for (char c : arg)
+        quoted += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return quoted + "'";
+#endif
+}
+
+// A pipe to or from a command line of the system's shell (mode "r" or "w"), as popen opens it.
+// cmd.exe drops the first and the last quote of a line that starts with one: the line goes in a
+// pair of its own.
+inline FILE* OpenPipe(const std::string& command, const char* mode) {
+#if defined(_WIN32)
+    return _popen(("\"" + command + "\"").c_str(), mode[0] == 'w' ? "wb" : "rb");
+#else
+    return popen(command.c_str(), mode);
+#endif
+}
+
+// Closes a pipe of OpenPipe: the command's exit status, -1 when it did not exit.
+inline int ClosePipe(FILE* pipe) {
+#if defined(_WIN32)
+    return _pclose(pipe);
+#else
+    const int status = pclose(pipe);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 #endif
 }
 

@@ -155,7 +155,10 @@ public:
     void SetTlsVerify(bool verify);
     /// Trusts the CA certificates of a PEM bundle file, or of a folder prepared by `openssl rehash`,
     /// instead of the system's trust store, and turns verification on. An empty path goes back to the
-    /// system's store and leaves verification as it is.
+    /// system's store and leaves verification as it is. On Windows a folder's PEM files are read at
+    /// each transfer, and a folder without a certificate ends it with CURLE_SSL_CACERT_BADFILE (77).
+    /// Revocation is checked best effort: a certificate listed as revoked fails, one whose CA's list
+    /// cannot be had passes.
     void SetTlsCaPath(std::string path);
 
     // ---- Durable, resumable, verified and retried downloads (DownloadDurable.cpp, DownloadResume.cpp,
