@@ -1,5 +1,21 @@
 # Installation and packaging: the shared library with its soname, the public headers, the zoth tool,
 # a CMake package (find_package(ZOTHCommon CONFIG) -> ZOTH::Common) and a pkg-config file.
+# On Debian and its derivatives the libraries go to the multiarch folder (lib/x86_64-linux-gnu), for
+# any prefix, as Debian's packages and meson do: the loader (ld.so.conf.d), pkg-config and CMake's
+# find_package look there for /usr and /usr/local alike. GNUInstallDirs alone does so only for the
+# prefix /usr, which would leave the packages' library in /usr/lib. -DCMAKE_INSTALL_LIBDIR=... wins.
+# A build folder configured before this rule holds GNUInstallDirs' own default "lib" (recognised by
+# its help text), which is replaced too.
+get_property(_zoth_libdir_help CACHE CMAKE_INSTALL_LIBDIR PROPERTY HELPSTRING)
+if(NOT WIN32 AND CMAKE_LIBRARY_ARCHITECTURE AND EXISTS /etc/debian_version
+   AND (NOT DEFINED CMAKE_INSTALL_LIBDIR OR _zoth_libdir_help STREQUAL "Object code libraries (lib)"))
+  set(CMAKE_INSTALL_LIBDIR lib/${CMAKE_LIBRARY_ARCHITECTURE} CACHE PATH
+      "Object code libraries (lib/<multiarch triplet> on Debian)" FORCE)
+  if(_zoth_libdir_help) # the folders below were derived from the old "lib": derive them anew
+    unset(ZOTH_INSTALL_CMAKEDIR CACHE)
+    unset(ZOTH_INSTALL_PKGCONFIGDIR CACHE)
+  endif()
+endif()
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -19,8 +35,9 @@ set_target_properties(ZOTHCommonDll PROPERTIES EXPORT_NAME Common)
 install(TARGETS ZOTHCommonDll EXPORT ZOTHCommonTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT runtime
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime NAMELINK_COMPONENT development
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development
-  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT development)
+# The include folder reaches the exported target once, from the target's own INSTALL_INTERFACE
+# entry (an INCLUDES DESTINATION here would list it a second time).
 
 # By folder, so every header a subsystem adds under include/zoth/ is installed without an edit here.
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/include/zoth

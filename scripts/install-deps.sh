@@ -1,13 +1,26 @@
 #!/usr/bin/env bash
-# Installs, from Debian's packages, everything the build, the tests, the benchmarks and the fuzzers use.
+# Installs, from Debian's packages, what the project needs, with apt-get install -y.
 # Idempotent: when every package is present it asks apt nothing and returns at once.
+#
+# usage: scripts/install-deps.sh [--library] [--list]
+#   (none)     everything: the library, the tests, the benchmarks, the fuzzers, the Windows build
+#              under Wine, the Debian packages and the API reference (what `make test` uses)
+#   --library  only what building and installing the library and the zoth tool needs (what
+#              `make library` uses): no test, benchmark, Windows or packaging tool
+#   --list     print the chosen packages, one a line, and install nothing
 set -euo pipefail
 
-PACKAGES=(
-  make g++ cmake ninja-build pkg-config git ca-certificates
-  libcurl4-openssl-dev libsqlite3-dev libproxy-dev
+# Building the library and the tool: compiler and build tools, libcurl, SQLite, libproxy (the
+# system's proxy settings), OpenSSL's libcrypto (digests), cpp-httplib (the server of `zoth demo`).
+LIBRARY=(
+  make g++ cmake ninja-build pkg-config ca-certificates
+  libcurl4-openssl-dev libsqlite3-dev libproxy-dev libssl-dev libcpp-httplib-dev
+)
+# Everything else: tests, benchmarks, fuzzers, the Windows build, packages, docs.
+CONTRIBUTOR=(
+  git
   libproxy1-plugin-webkit squid-openssl  # the proxy tests: PAC scripts run by libproxy, a real squid
-  libgtest-dev libgmock-dev libbenchmark-dev libssl-dev libcpp-httplib-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
   sqlite3 curl openssl time
   clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix wine64 wine
@@ -15,6 +28,26 @@ PACKAGES=(
   doxygen lintian abigail-tools dpkg-dev fakeroot
   libpoco-dev libabsl-dev  # benchmark peers only: the library never links them
 )
+
+set_name=all
+list=0
+for arg in "$@"; do
+  case $arg in
+  --library) set_name=library ;;
+  --list) list=1 ;;
+  *)
+    echo "usage: scripts/install-deps.sh [--library] [--list]" >&2
+    exit 2
+    ;;
+  esac
+done
+PACKAGES=("${LIBRARY[@]}")
+if [ "$set_name" = all ]; then PACKAGES+=("${CONTRIBUTOR[@]}"); fi
+
+if [ "$list" = 1 ]; then
+  printf '%s\n' "${PACKAGES[@]}"
+  exit 0
+fi
 
 missing=()
 for p in "${PACKAGES[@]}"; do
