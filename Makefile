@@ -1,6 +1,6 @@
 # Thin wrapper over CMake. `make demo` and `make test` are the README's two commands for a fresh
 # machine; `make library` and `make install` are a user's build from source.
-.PHONY: deps library-deps release-library build demo test bench format clean docs package abi-baseline library install
+.PHONY: deps library-deps package-deps release-library build demo test bench format clean docs package abi-baseline library install
 
 # Where `make install` puts the library, the headers, the tool, the CMake package and zoth-common.pc.
 PREFIX ?= /usr/local
@@ -12,6 +12,10 @@ deps:
 # Only what the library and the zoth tool need.
 library-deps:
 	bash scripts/install-deps.sh --library
+
+# The library's and the Debian packaging tools.
+package-deps:
+	bash scripts/install-deps.sh --package
 
 build: deps
 	cmake --preset release >/dev/null
@@ -55,10 +59,10 @@ release-library: deps
 	cmake --preset release >/dev/null
 	cmake --build --preset release --target ZOTHCommonDll zoth
 
-# Debian packages (runtime library, development files, zoth tool) into build/release/packages,
-# checked by lintian.
-package: release-library
-	bash scripts/check-debs.sh build/release
+# Debian packages (runtime library, development files, zoth tool) of build/library into
+# build/library/packages, checked by lintian.
+package: package-deps library
+	bash scripts/check-debs.sh build/library
 
 # Records the ABI baseline abi/<soname>.abi from the release build. Once the major version is
 # released (tag vX.0.0), refuses an incompatible replacement of its baseline; FORCE=1 overrides.

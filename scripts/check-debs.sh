@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Builds the Debian packages of a build folder with CPack (cmake/Package.cmake) into
-# BUILD_DIR/packages and checks them with lintian: any error fails, warnings are listed.
+# BUILD_DIR/packages and checks them: the libraries in Debian's multiarch folder, the README's
+# package table naming exactly each package's dependencies, and lintian (any error fails, warnings
+# are listed; a multiarch warning fails too).
 #
 # usage: scripts/check-debs.sh [BUILD_DIR]     (default build/release, which must be built)
 set -euo pipefail
@@ -36,11 +38,37 @@ for need in libcurl libsqlite3; do
   dpkg-deb -f "$runtime" Depends | grep -q "$need" || fail "the runtime package does not depend on $need"
 done
 
+# The libraries, the CMake package and the .pc file live in the multiarch folder, nothing in /usr/lib.
+multiarch=$(gcc -print-multiarch)
+for deb in "${debs[@]}"; do
+  stray=$(dpkg-deb -c "$deb" | awk '{print $NF}' | grep -E '^\./usr/lib/[^/]+$|^\./usr/lib/(cmake|pkgconfig)/' || true)
+  [ -z "$stray" ] || fail "$(basename "$deb") puts files outside /usr/lib/$multiarch: $stray"
+done
+grep -q "\./usr/lib/$multiarch/libZOTHCommonDll\.so\.[0-9]" <<<"$contents" ||
+  fail "the runtime package's library is not in /usr/lib/$multiarch"
+
+# The README's package table: its last column names exactly the packages each .deb depends on
+# (versions and the "|" of alternatives aside).
+readme_table=$(awk '/^<!-- package table:/ { on = 1; next } on && /^\|/ { print; next } on { exit }' README.md)
+[ -n "$readme_table" ] || fail "README.md has no package table after <!-- package table: ... -->"
+for deb in "${debs[@]}"; do
+  pkg=$(dpkg-deb -f "$deb" Package)
+  real=$(dpkg-deb -f "$deb" Depends | tr ',|' '\n\n' | sed 's/(.*)//; s/[[:space:]]//g' | grep -v '^$' | LC_ALL=C sort -u)
+  row=$(grep -F "| \`$pkg\` |" <<<"$readme_table" || true)
+  [ -n "$row" ] || fail "the README's package table has no row for $pkg"
+  told=$(awk -F'|' '{print $(NF-1)}' <<<"$row" | grep -o '`[^`]*`' | tr -d '`' | LC_ALL=C sort -u)
+  [ "$real" = "$told" ] || fail "README's table, $pkg depends on: $(echo $told); the package: $(echo $real)"
+done
+echo "check-debs: the README's package table names each package's dependencies"
+
 # lintian exits non-zero on errors; --no-cfg keeps a user's lintianrc out of the verdict.
 rc=0
 lintian --no-cfg --allow-root "${debs[@]}" >"$out/lintian.log" 2>&1 || rc=$?
 cat "$out/lintian.log"
 if [ "$rc" != 0 ] || grep -q '^E: ' "$out/lintian.log"; then
   fail "lintian reports errors in the packages (above)"
+fi
+if grep -qi 'multi-arch\|multiarch' "$out/lintian.log"; then
+  fail "lintian reports a multiarch problem (above)"
 fi
 echo "check-debs: ${#debs[@]} packages in $out, no lintian errors ($(grep -c '^W: ' "$out/lintian.log" || true) warnings)"

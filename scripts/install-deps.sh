@@ -2,11 +2,12 @@
 # Installs, from Debian's packages, what the project needs, with apt-get install -y.
 # Idempotent: when every package is present it asks apt nothing and returns at once.
 #
-# usage: scripts/install-deps.sh [--library] [--list]
+# usage: scripts/install-deps.sh [--library | --package] [--list]
 #   (none)     everything: the library, the tests, the benchmarks, the fuzzers, the Windows build
 #              under Wine, the Debian packages and the API reference (what `make test` uses)
 #   --library  only what building and installing the library and the zoth tool needs (what
 #              `make library` uses): no test, benchmark, Windows or packaging tool
+#   --package  --library's packages and the Debian packaging tools (what `make package` uses)
 #   --list     print the chosen packages, one a line, and install nothing
 set -euo pipefail
 
@@ -16,6 +17,8 @@ LIBRARY=(
   make g++ cmake ninja-build pkg-config ca-certificates
   libcurl4-openssl-dev libsqlite3-dev libproxy-dev libssl-dev libcpp-httplib-dev
 )
+# Making and checking the Debian packages: dpkg-shlibdeps, lintian.
+PACKAGING=(dpkg-dev fakeroot lintian file)
 # Everything else: tests, benchmarks, fuzzers, the Windows build, packages, docs.
 CONTRIBUTOR=(
   git
@@ -25,7 +28,7 @@ CONTRIBUTOR=(
   clang libclang-rt-14-dev clang-format
   g++-mingw-w64-x86-64-posix wine64 wine
   tcl libz-mingw-w64-dev patch python3 iproute2  # Windows libcurl/SQLite builds, test servers, port 80 namespace
-  doxygen lintian abigail-tools dpkg-dev fakeroot
+  doxygen abigail-tools
   libpoco-dev libabsl-dev  # benchmark peers only: the library never links them
 )
 
@@ -34,14 +37,16 @@ list=0
 for arg in "$@"; do
   case $arg in
   --library) set_name=library ;;
+  --package) set_name=package ;;
   --list) list=1 ;;
   *)
-    echo "usage: scripts/install-deps.sh [--library] [--list]" >&2
+    echo "usage: scripts/install-deps.sh [--library | --package] [--list]" >&2
     exit 2
     ;;
   esac
 done
 PACKAGES=("${LIBRARY[@]}")
+if [ "$set_name" != library ]; then PACKAGES+=("${PACKAGING[@]}"); fi
 if [ "$set_name" = all ]; then PACKAGES+=("${CONTRIBUTOR[@]}"); fi
 
 if [ "$list" = 1 ]; then
