@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
 # Package check: installs the library into a fresh temporary prefix and builds the programs in
 # examples/ against that prefix twice, once through find_package(ZOTHCommon CONFIG) and once through
-# pkg-config, then runs them. Any step that goes wrong stops the check with a FAILED line.
+# pkg-config, then runs them; then follows the README's quickstart to the letter
+# (scripts/check-quickstart.sh: against /usr/local, or with --debs against the installed packages),
+# and shows that `make library` installs only the minimal dependencies. Any step that goes wrong
+# stops the check with a FAILED line.
 #
 # usage: scripts/check-package.sh [BUILD_DIR]
 #        scripts/check-package.sh --debs DEB_DIR
@@ -210,6 +213,39 @@ for mode in cmake pkgconfig; do
     "run_$ex" "$built" "$mode"
   done
 done
+
+# --- The README's quickstart, to the letter ---------------------------------------------------------
+if [ -n "$debs" ]; then
+  bash scripts/check-quickstart.sh --debs "$debs" "$base/hello.txt" || fail "the README's quickstart against the packages"
+else
+  bash scripts/check-quickstart.sh --prefix "$build" "$base/hello.txt" || fail "the README's quickstart against /usr/local"
+fi
+
+# --- The minimal dependencies of `make library` ------------------------------------------------------
+# `make library` installs scripts/install-deps.sh --library and nothing more; that list and everything
+# apt would pull in for it on a bare system (apt-get -s with an empty package status) hold no Wine,
+# mingw-w64, POCO, Abseil, squid or test framework.
+if [ -z "$debs" ]; then
+  step "make library installs only scripts/install-deps.sh --library"
+  make_lines=$(make -n library | grep 'install-deps\.sh' || true)
+  [ "$make_lines" = "bash scripts/install-deps.sh --library" ] ||
+    fail "make library runs '$make_lines', not only scripts/install-deps.sh --library"
+  mapfile -t library_packages < <(bash scripts/install-deps.sh --library --list)
+  forbidden='wine|mingw|poco|absl|squid|gtest|gmock|benchmark|clang|doxygen|lintian'
+  bad=$(printf '%s\n' "${library_packages[@]}" | grep -Ei "$forbidden" || true)
+  [ -z "$bad" ] || fail "install-deps.sh --library lists $bad"
+  : >"$tmp/empty-status"
+  if closure=$(apt-get install -s -q --no-install-recommends -o Dir::State::status="$tmp/empty-status" \
+    "${library_packages[@]}" 2>"$tmp/apt.log" | awk '/^Inst / {print $2}'); then
+    bad=$(grep -Ei "$forbidden" <<<"$closure" || true)
+    [ -z "$bad" ] || fail "on a bare system, install-deps.sh --library would bring in: $(echo $bad)"
+    echo "install-deps --library: ${#library_packages[@]} packages named, $(wc -l <<<"$closure") with what they pull in on a bare system, none of them Wine, mingw-w64, POCO, Abseil, squid or a test tool"
+  else
+    cat "$tmp/apt.log"
+    [ "${CI:-}" != true ] || fail "apt-get cannot simulate the library's dependencies"
+    echo "check-package: SKIPPED the dependency closure: apt-get cannot simulate it here (above)" >&2
+  fi
+fi
 
 echo "check-package: all passed (${EXAMPLES[*]}; find_package and pkg-config${debs:+; from the packages in $debs})"
 cd "$repo"

@@ -88,6 +88,10 @@ else
 fi
 [ -e "$expected_lib" ] || fail "no libZOTHCommonDll.so.1 where the install should have put it ($expected_lib)"
 
+# g++ 12 compiles C++17 unless told otherwise; the .pc file tells it.
+cflags=$(env -u PKG_CONFIG_PATH pkg-config --cflags zoth-common) || fail "pkg-config finds no zoth-common"
+grep -q -- '-std=c++20' <<<"$cflags" || fail "pkg-config --cflags zoth-common lacks -std=c++20: $cflags"
+
 # run_block NAME FOLDER: the README's commands of block NAME, one by one, in FOLDER, environment clean.
 run_block() {
   echo "=== check-quickstart: $1, as the README says"
