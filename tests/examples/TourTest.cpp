@@ -2,6 +2,7 @@
 // and "// README end" lines (a snippet may be split over several such regions, e.g. its classes at
 // namespace scope and its statements in a test); ReadmeMatchesTheseSnippets checks that the README's
 // block after "<!-- tour NAME -->" is exactly those lines, so the README shows code that builds.
+// clang-format leaves the regions as the README shows them.
 // Snippets that would reach beyond loopback (HTTP to example hosts, fixed ports) are compiled only.
 #include "zoth/zoth.h"
 
@@ -29,6 +30,7 @@ void DoTheWork(bool* exitFlag) {
     ++g_workRuns;
 }
 
+// clang-format off
 // README tour task
 class Fetch : public ZOTH::CTaskBase {
     void ThreadWork(bool* exitFlag) override {
@@ -49,14 +51,14 @@ public:
     }
 };
 // README end
+// clang-format on
 
 // A folder of its own for the snippets that write files, made the working folder for one test.
 class InTemporaryFolder {
 public:
     InTemporaryFolder() {
         m_old = std::filesystem::current_path();
-        m_dir = std::filesystem::temp_directory_path() /
-                ("zoth-tour-" + ZOTH::STRING_UTIL::GetGuid());
+        m_dir = std::filesystem::temp_directory_path() / ("zoth-tour-" + ZOTH::STRING_UTIL::GetGuid());
         std::filesystem::create_directories(m_dir);
         std::filesystem::current_path(m_dir);
     }
@@ -75,6 +77,7 @@ private:
 
 // Compiled, never called: these reach hosts and ports that are not this test's.
 void TourHttpCompiledOnly() {
+    // clang-format off
     // README tour http
     ZOTH::CHttpClientCurl http;
     http.SetCustomHeaders({"Accept: application/json"});   // stays in force until replaced
@@ -90,9 +93,11 @@ void TourHttpCompiledOnly() {
     http.TestNetSpeed("http://127.0.0.1:8080/stream", 5);  // then GetNetSpeed(): Mibit/s
     http.WininetHttpGet("127.0.0.1", "/status", body);     // plain HTTP, port 80
     // README end
+    // clang-format on
 }
 
 void TourProxiesCompiledOnly() {
+    // clang-format off
     // README tour proxies
     ZOTH::CHttpClientCurl http;
     http.SetSystemProxy(true);                   // the system's settings, for every libcurl transfer
@@ -100,9 +105,11 @@ void TourProxiesCompiledOnly() {
     http.DownloadFile("https://updates.example/app.msi", "app.msi", "");
     printf("went through %s\n", http.GetLastProxy().c_str()); // "" when direct; never credentials
     // README end
+    // clang-format on
 }
 
 void TourUpdaterCompiledOnly(const std::string& url, const std::string& expectedHex) {
+    // clang-format off
     // README tour updater
     ZOTH::CHttpClientCurl http;
     http.SetRetryPolicy(5, 120000);              // at most 5 transfers within 2 minutes, waits included
@@ -110,6 +117,7 @@ void TourUpdaterCompiledOnly(const std::string& url, const std::string& expected
     if (!http.DownloadFile(url, "/opt/app/update.bin", ""))
         printf("failed: curl code %d\n", http.GetResultCode());
     // README end
+    // clang-format on
 }
 
 // The task snippet, run again and again: its body runs every time, and the registry closes after.
@@ -117,6 +125,7 @@ TEST(Tour, TaskSnippetRunsItsBodyEveryTime) {
     constexpr int kRuns = 5;
     g_workRuns = 0;
     for (int run = 0; run < kRuns; ++run) {
+        // clang-format off
         // README tour task
         Control control;
         std::shared_ptr<Fetch> task = control.Run();
@@ -124,6 +133,7 @@ TEST(Tour, TaskSnippetRunsItsBodyEveryTime) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         control.SetStopAddTask();                       // close the registry, stop all, drop completed tasks
         // README end
+        // clang-format on
         ASSERT_TRUE(task) << "run " << run << ": the task could not be started";
         EXPECT_TRUE(task->GetTaskCompleteStatus());
     }
@@ -133,6 +143,7 @@ TEST(Tour, TaskSnippetRunsItsBodyEveryTime) {
 TEST(Tour, DatabaseSnippetWritesAndReads) {
     InTemporaryFolder folder;
     int rowsSeen = 0;
+    // clang-format off
     // README tour database
     ZOTH::CDataBaseInfo info;
     std::string path = "app.db";
@@ -155,19 +166,23 @@ TEST(Tour, DatabaseSnippetWritesAndReads) {
                 name = "(null)";
             printf("%d %s\n", id, name.c_str());
             // README end
+            // clang-format on
             ++rowsSeen;
             EXPECT_EQ(name, id == 1 ? "one" : "(null)");
+            // clang-format off
             // README tour database
         }
         rows.Finalize();
     }
     db.CloseDB();                                     // the destructor does not close the connection
     // README end
+    // clang-format on
     EXPECT_EQ(rowsSeen, 2);
 }
 
 TEST(Tour, FilesSnippetWritesReadsAndLists) {
     InTemporaryFolder folder;
+    // clang-format off
     // README tour files
     using ZOTH::CFileHepler; using ZOTH::CPathHelper;
     std::string dir = std::filesystem::current_path().string();
@@ -179,6 +194,7 @@ TEST(Tour, FilesSnippetWritesReadsAndLists) {
     CPathHelper::DeleteDirectory(dir + "/tree");             // depth first, never through links
     std::string exeDir = CPathHelper::GetExeDir();           // the program's folder, not the library's
     // README end
+    // clang-format on
     EXPECT_EQ(data, "bytes");
     EXPECT_EQ(md5, "4b3a6218bb3e3a7303e8a171a60fcf92"); // md5 -s bytes
     EXPECT_EQ(files.count("a.txt"), 1u);
@@ -186,6 +202,7 @@ TEST(Tour, FilesSnippetWritesReadsAndLists) {
 }
 
 TEST(Tour, TextSnippetConverts) {
+    // clang-format off
     // README tour text
     using ZOTH::STRING_UTIL;
     std::wstring wide = STRING_UTIL::Utf82Unicode("grüße");   // UTF-16 code units
@@ -196,8 +213,9 @@ TEST(Tour, TextSnippetConverts) {
     STRING_UTIL::SplitStringA("a,,b", ',', parts, 1);           // "a", "", "b"
     std::string now = ZOTH::CTimeHelper::GetCurrentDateTime();  // "2020-2-3 4:5:6"
     // README end
+    // clang-format on
     EXPECT_EQ(wide.size(), 5u);
-    EXPECT_EQ(ansi, "gr\xfc\xdf" "e");
+    EXPECT_EQ(ansi, std::string("gr\xfc\xdf") + "e"); // Windows-1252
     EXPECT_EQ(b64, "AAEC");
     EXPECT_EQ(params["x"], "1");
     EXPECT_EQ(params["y"], "2");
@@ -263,10 +281,12 @@ TEST(Tour, ReadmeMatchesTheseSnippets) {
         auto it = readme.find(name);
         ASSERT_NE(it, readme.end()) << "README.md lacks the tour block \"" << name << "\"";
         std::ostringstream want, got;
-        for (const auto& l : lines) want << l << '\n';
-        for (const auto& l : it->second) got << l << '\n';
-        EXPECT_EQ(got.str(), want.str()) << "README.md's tour block \"" << name << "\" differs from "
-                                         << ZOTH_TOUR_SOURCE_PATH;
+        for (const auto& l : lines)
+            want << l << '\n';
+        for (const auto& l : it->second)
+            got << l << '\n';
+        EXPECT_EQ(got.str(), want.str())
+            << "README.md's tour block \"" << name << "\" differs from " << ZOTH_TOUR_SOURCE_PATH;
     }
     for (const auto& [name, lines] : readme)
         EXPECT_TRUE(source.count(name)) << "README.md's tour block \"" << name << "\" is not compiled here";
