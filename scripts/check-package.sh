@@ -74,6 +74,10 @@ fi
 libfile=$(find "$prefix" -name 'libZOTHCommonDll.so.*.*.*' -type f | head -n 1)
 [ -n "$libfile" ] || fail "no versioned libZOTHCommonDll.so.X.Y.Z in the prefix"
 libdir=$(dirname "$libfile")
+# On Debian the library, the CMake package and the .pc file go to the multiarch folder, for any prefix.
+if [ -f /etc/debian_version ]; then
+  [ "$libdir" = "$prefix/lib/$(gcc -print-multiarch)" ] || fail "the library is in $libdir, not in Debian's multiarch folder"
+fi
 soname=$(readelf -d "$libfile" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')
 [ "$soname" = "libZOTHCommonDll.so.1" ] || fail "soname is '$soname', expected libZOTHCommonDll.so.1"
 [ -L "$libdir/libZOTHCommonDll.so.1" ] || fail "missing link $libdir/libZOTHCommonDll.so.1"
@@ -86,6 +90,10 @@ while IFS= read -r header; do
 done < <(find include/zoth -name '*.h')
 config=$(find "$prefix" -name ZOTHCommonConfig.cmake | head -n 1)
 [ -n "$config" ] || fail "no ZOTHCommonConfig.cmake in the prefix"
+# The exported target names the include folder once.
+includes=$(sed -n 's/^ *INTERFACE_INCLUDE_DIRECTORIES "\(.*\)"$/\1/p' "$(dirname "$config")/ZOTHCommonTargets.cmake")
+[ "$includes" = '${_IMPORT_PREFIX}/include' ] ||
+  fail "ZOTH::Common's INTERFACE_INCLUDE_DIRECTORIES is '$includes', expected the include folder once"
 pcfile=$(find "$prefix" -name zoth-common.pc | head -n 1)
 [ -n "$pcfile" ] || fail "no zoth-common.pc in the prefix"
 pcdir=$(dirname "$pcfile")
