@@ -53,11 +53,12 @@ readme_table=$(awk '/^<!-- package table:/ { on = 1; next } on && /^\|/ { print;
 [ -n "$readme_table" ] || fail "README.md has no package table after <!-- package table: ... -->"
 for deb in "${debs[@]}"; do
   pkg=$(dpkg-deb -f "$deb" Package)
-  real=$(dpkg-deb -f "$deb" Depends | tr ',|' '\n\n' | sed 's/(.*)//; s/[[:space:]]//g' | grep -v '^$' | LC_ALL=C sort -u)
+  real=$(dpkg-deb -f "$deb" Depends | tr ',|' '\n' | sed 's/(.*)//; s/[[:space:]]//g' | grep -v '^$' | LC_ALL=C sort -u)
   row=$(grep -F "| \`$pkg\` |" <<<"$readme_table" || true)
   [ -n "$row" ] || fail "the README's package table has no row for $pkg"
+  # shellcheck disable=SC2016 # backquotes of Markdown, not of the shell
   told=$(awk -F'|' '{print $(NF-1)}' <<<"$row" | grep -o '`[^`]*`' | tr -d '`' | LC_ALL=C sort -u)
-  [ "$real" = "$told" ] || fail "README's table, $pkg depends on: $(echo $told); the package: $(echo $real)"
+  [ "$real" = "$told" ] || fail "README's table, $pkg depends on: $(tr '\n' ' ' <<<"$told"); the package: $(tr '\n' ' ' <<<"$real")"
 done
 echo "check-debs: the README's package table names each package's dependencies"
 

@@ -92,6 +92,7 @@ config=$(find "$prefix" -name ZOTHCommonConfig.cmake | head -n 1)
 [ -n "$config" ] || fail "no ZOTHCommonConfig.cmake in the prefix"
 # The exported target names the include folder once.
 includes=$(sed -n 's/^ *INTERFACE_INCLUDE_DIRECTORIES "\(.*\)"$/\1/p' "$(dirname "$config")/ZOTHCommonTargets.cmake")
+# shellcheck disable=SC2016 # the literal text of the targets file
 [ "$includes" = '${_IMPORT_PREFIX}/include' ] ||
   fail "ZOTH::Common's INTERFACE_INCLUDE_DIRECTORIES is '$includes', expected the include folder once"
 pcfile=$(find "$prefix" -name zoth-common.pc | head -n 1)
@@ -246,7 +247,7 @@ if [ -z "$debs" ]; then
   if closure=$(apt-get install -s -q --no-install-recommends -o Dir::State::status="$tmp/empty-status" \
     "${library_packages[@]}" 2>"$tmp/apt.log" | awk '/^Inst / {print $2}'); then
     bad=$(grep -Ei "$forbidden" <<<"$closure" || true)
-    [ -z "$bad" ] || fail "on a bare system, install-deps.sh --library would bring in: $(echo $bad)"
+    [ -z "$bad" ] || fail "on a bare system, install-deps.sh --library would bring in: $(tr '\n' ' ' <<<"$bad")"
     echo "install-deps --library: ${#library_packages[@]} packages named, $(wc -l <<<"$closure") with what they pull in on a bare system, none of them Wine, mingw-w64, POCO, Abseil, squid or a test tool"
   else
     cat "$tmp/apt.log"

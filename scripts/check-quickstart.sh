@@ -28,10 +28,10 @@ skip() {
   echo "check-quickstart: SKIPPED: $*" >&2
   exit 0
 }
-[ $# -ge 2 ] && { [ "$1" = --prefix ] || [ "$1" = --debs ]; } || {
+if [ $# -lt 2 ] || { [ "$1" != --prefix ] && [ "$1" != --debs ]; }; then
   echo "usage: scripts/check-quickstart.sh --prefix BUILD_DIR [URL] | --debs DEB_DIR [URL]" >&2
   exit 2
-}
+fi
 mode=$1
 source_dir=$(cd "$2" && pwd) || fail "$2 is not a folder"
 url=${3:-}
