@@ -6,6 +6,8 @@
 #include "zoth/platform/Win32File.h"
 #include "zoth/platform/Win32Path.h"
 
+#include <aclapi.h>
+
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -192,6 +194,32 @@ bool KeptPath(const char* target, const char* suffix, std::string& kept, bool& e
     return true;
 }
 
+// Whether the open file belongs to the caller: its owner is the process token's user, or the owner
+// the token gives the files it makes (an elevated administrator's files belong to Administrators).
+bool OwnedByCaller(HANDLE file) {
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR descriptor = nullptr;
+    if (GetSecurityInfo(file, SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr, nullptr,
+                        &descriptor) != ERROR_SUCCESS)
+        return false;
+    bool own = false;
+    HANDLE token = nullptr;
+    if (owner != nullptr && OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, &token)) {
+        for (TOKEN_INFORMATION_CLASS kind : {TokenUser, TokenOwner}) {
+            DWORD size = 0;
+            GetTokenInformation(token, kind, nullptr, 0, &size);
+            std::vector<unsigned char> buffer(size);
+            if (size == 0 || !GetTokenInformation(token, kind, buffer.data(), size, &size)) continue;
+            PSID sid = kind == TokenUser ? reinterpret_cast<TOKEN_USER*>(buffer.data())->User.Sid
+                                         : reinterpret_cast<TOKEN_OWNER*>(buffer.data())->Owner;
+            own = own || EqualSid(owner, sid);
+        }
+        CloseHandle(token);
+    }
+    LocalFree(descriptor);
+    return own;
+}
+
 } // namespace
 
 HANDLE OpenKeptTemporaryFileA(LPCSTR target, LPCSTR suffix, BOOL* reused) {
@@ -215,7 +243,7 @@ HANDLE OpenKeptTemporaryFileA(LPCSTR target, LPCSTR suffix, BOOL* reused) {
         BY_HANDLE_FILE_INFORMATION info;
         if (!GetFileInformationByHandle(file, &info) ||
             (info.dwFileAttributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_DIRECTORY)) != 0 ||
-            info.nNumberOfLinks != 1) {
+            info.nNumberOfLinks != 1 || (existed && !OwnedByCaller(file))) {
             DeleteByHandle(file);
             CloseHandle(file);
             continue;

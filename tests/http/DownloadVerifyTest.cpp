@@ -2,12 +2,11 @@
 // the body streams; a mismatch leaves the target as it was and no temporary file.
 #include "zoth/http/CHttpClientCurl.h"
 
+#include "Digest.h"
 #include "FaultServer.h"
 #include "LoopbackServer.h"
 
 #include <gtest/gtest.h>
-
-#include <openssl/evp.h>
 
 #include <filesystem>
 #include <fstream>
@@ -16,6 +15,7 @@
 using ZOTH::CHttpClientCurl;
 using zoth_test::Directive;
 using zoth_test::FaultServer;
+using zoth_test::HexDigest;
 using zoth_test::Payload;
 using zoth_test::TempDir;
 namespace fs = std::filesystem;
@@ -26,20 +26,6 @@ std::string ReadAll(const std::string& path) {
     std::stringstream all;
     all << std::ifstream(path, std::ios::binary).rdbuf();
     return all.str();
-}
-
-// The peer's digest of `data` in lower-case hex.
-std::string HexDigest(const EVP_MD* md, const std::string& data) {
-    unsigned char out[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    EVP_Digest(data.data(), data.size(), out, &length, md, nullptr);
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) {
-        hex.push_back(kDigits[out[i] >> 4]);
-        hex.push_back(kDigits[out[i] & 15]);
-    }
-    return hex;
 }
 
 size_t EntriesIn(const std::string& dir) {
@@ -53,7 +39,7 @@ TEST(DownloadVerify, DigestsMatchedAndMismatched) {
     FaultServer server(body);
     TempDir dir;
     const std::string target = dir / "file.bin";
-    const std::string sha = HexDigest(EVP_sha256(), body), md5 = HexDigest(EVP_md5(), body);
+    const std::string sha = HexDigest("sha256", body), md5 = HexDigest("md5", body);
     std::string wrongSha = sha;
     wrongSha[10] = wrongSha[10] == '0' ? '1' : '0';
     std::string upperMd5 = md5;
@@ -113,7 +99,7 @@ TEST(DownloadVerify, DigestIsUsedUpCopiedAndValidated) {
     EXPECT_EQ(client.DownloadFile(server.Url(), dir / "y.bin", ""), 1);
 
     // The md5 argument: ignored by default, binding after SetDownloadMd5Check(true).
-    const std::string md5 = HexDigest(EVP_md5(), body);
+    const std::string md5 = HexDigest("md5", body);
     EXPECT_EQ(client.DownloadFile(server.Url(), dir / "m.bin", std::string(32, 'f')), 1);
     client.SetDownloadMd5Check(true);
     const int requests = server.Requests();
@@ -126,6 +112,6 @@ TEST(DownloadVerify, DigestIsUsedUpCopiedAndValidated) {
     EXPECT_EQ(client.DownloadFile(server.Url(), dir / "n.bin", md5), 1);
     EXPECT_EQ(client.DownloadFile(server.Url(), dir / "e.bin", ""), 1) << "an empty md5 binds nothing";
     // A named digest wins over the md5 argument.
-    ASSERT_EQ(client.SetDownloadDigest("sha256", HexDigest(EVP_sha256(), body)), 1);
+    ASSERT_EQ(client.SetDownloadDigest("sha256", HexDigest("sha256", body)), 1);
     EXPECT_EQ(client.DownloadFile(server.Url(), dir / "w.bin", std::string(32, 'f')), 1);
 }

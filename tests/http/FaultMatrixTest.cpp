@@ -5,12 +5,11 @@
 // too. The README's download section has this table.
 #include "zoth/http/CHttpClientCurl.h"
 
+#include "Digest.h"
 #include "FaultServer.h"
 #include "LoopbackServer.h"
 
 #include <gtest/gtest.h>
-
-#include <openssl/evp.h>
 
 #include <filesystem>
 #include <fstream>
@@ -32,16 +31,7 @@ std::string ReadAll(const std::string& path) {
 }
 
 std::string Sha256Hex(const std::string& data) {
-    unsigned char out[32];
-    unsigned int length = 0;
-    EVP_Digest(data.data(), data.size(), out, &length, EVP_sha256(), nullptr);
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char c : out) {
-        hex.push_back(kDigits[c >> 4]);
-        hex.push_back(kDigits[c & 15]);
-    }
-    return hex;
+    return zoth_test::HexDigest("sha256", data);
 }
 
 struct Outcome {

@@ -1,18 +1,16 @@
 // A loopback HTTP/1.1 server on a raw socket that misbehaves on request: each request takes the next
 // directive of a queue (the last one repeats) and is answered as it says: cut off, stalled, dripped,
 // a false length, chunked, a range ignored, 416, a changed validator, a redirect or an error status.
-// It counts the requests and the body bytes it sent, and keeps each request's header text.
+// It counts the requests and the body bytes it sent, and keeps each request's header text. It runs
+// on POSIX sockets and on Winsock (Socket.h).
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include "Socket.h"
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <mutex>
@@ -84,13 +82,17 @@ class FaultServer {
 public:
     explicit FaultServer(std::string body) : m_body(std::move(body)) {
         m_listen = ::socket(AF_INET, SOCK_STREAM, 0);
+#if !defined(_WIN32)
+        // (On Windows SO_REUSEADDR would let another program take the port as well.)
         int one = 1;
         ::setsockopt(m_listen, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
+#endif
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof addr;
-        if (m_listen < 0 || ::bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        SocketLength length = sizeof addr;
+        if (!m_sockets.Ok() || m_listen == kNoSocket ||
+            ::bind(m_listen, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
             ::listen(m_listen, 16) != 0 ||
             ::getsockname(m_listen, reinterpret_cast<sockaddr*>(&addr), &length) != 0)
             throw std::runtime_error("fault server: no socket");
@@ -100,7 +102,7 @@ public:
     ~FaultServer() {
         m_stopping = true;
         m_thread.join();
-        ::close(m_listen);
+        CloseSocket(m_listen);
     }
 
     // The directives of the next requests, in order; the last one stays for every later request.
@@ -115,8 +117,12 @@ public:
     std::string Url(const std::string& path = "/file") const {
         return "http://127.0.0.1:" + std::to_string(m_port) + path;
     }
-    int Requests() const { return m_requests; }
-    long long BodyBytesSent() const { return m_bodyBytes; }
+    int Requests() const {
+        return m_requests;
+    }
+    long long BodyBytesSent() const {
+        return m_bodyBytes;
+    }
     std::vector<std::string> RequestHeaders() {
         std::lock_guard<std::mutex> lock(m_mutex);
         return m_headers;
@@ -131,25 +137,22 @@ public:
 private:
     void Serve() {
         while (!m_stopping) {
-            pollfd p{m_listen, POLLIN, 0};
-            if (::poll(&p, 1, 20) <= 0) continue;
-            int fd = ::accept(m_listen, nullptr, nullptr);
-            if (fd < 0) continue;
-            int one = 1;
-            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+            if (!Readable(m_listen, 20)) continue;
+            const SocketFd fd = ::accept(m_listen, nullptr, nullptr);
+            if (fd == kNoSocket) continue;
+            NoDelay(fd);
             Answer(fd);
-            ::close(fd);
+            CloseSocket(fd);
         }
     }
 
     // Reads the request head; "" when the client left or the server stops.
-    std::string ReadHead(int fd) {
+    std::string ReadHead(SocketFd fd) {
         std::string head;
         char buffer[4096];
         while (head.find("\r\n\r\n") == std::string::npos && !m_stopping) {
-            pollfd p{fd, POLLIN, 0};
-            if (::poll(&p, 1, 20) <= 0) continue;
-            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+            if (!Readable(fd, 20)) continue;
+            const long n = ReceiveSome(fd, buffer, sizeof buffer);
             if (n <= 0) return "";
             head.append(buffer, static_cast<size_t>(n));
         }
@@ -158,9 +161,8 @@ private:
         const std::string length = HeaderValue(head, "Content-Length");
         const size_t want = end == std::string::npos || length.empty() ? 0 : end + 4 + std::stoul(length);
         while (head.size() < want && !m_stopping) {
-            pollfd p{fd, POLLIN, 0};
-            if (::poll(&p, 1, 20) <= 0) continue;
-            const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+            if (!Readable(fd, 20)) continue;
+            const long n = ReceiveSome(fd, buffer, sizeof buffer);
             if (n <= 0) break;
             head.append(buffer, static_cast<size_t>(n));
         }
@@ -175,9 +177,9 @@ private:
         return head.substr(begin, head.find("\r\n", begin) - begin);
     }
 
-    bool Send(int fd, const char* data, size_t size) {
+    bool Send(SocketFd fd, const char* data, size_t size) {
         while (size > 0) {
-            const ssize_t n = ::send(fd, data, size, MSG_NOSIGNAL);
+            const long n = SendSome(fd, data, size);
             if (n <= 0) return false;
             data += n;
             size -= static_cast<size_t>(n);
@@ -185,7 +187,7 @@ private:
         return true;
     }
 
-    void Answer(int fd) {
+    void Answer(SocketFd fd) {
         const std::string head = ReadHead(fd);
         if (head.empty()) return;
         Directive d;
@@ -235,7 +237,7 @@ private:
         SendBody(fd, body, d);
     }
 
-    void SendBody(int fd, const std::string& body, const Directive& d) {
+    void SendBody(SocketFd fd, const std::string& body, const Directive& d) {
         size_t sent = 0;
         const size_t piece = d.dripMs > 0 ? 1 : 16384;
         while (sent < body.size() && !m_stopping) {
@@ -274,8 +276,9 @@ private:
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
 
+    SocketLibrary m_sockets;
     std::string m_body;
-    int m_listen = -1;
+    SocketFd m_listen = kNoSocket;
     int m_port = 0;
     std::atomic<bool> m_stopping{false};
     std::atomic<int> m_requests{0};
