@@ -130,6 +130,10 @@ TEST(ZothCli, EveryCommandSaysWhatHappenedAndRefusesWhatItCannotUse) {
         // text
         {{"base64", "encode", "abc"}, "", 0, "YWJj\n"},
         {{"base64", "decode"}, "YWJj\n", 0, "abc"},
+        {{"base64", "decode", "YQ=="}, "", 0, "a"},
+        {{"base64", "decode", "===="}, "", 1, "", nullptr, nullptr, "not valid Base64 text"},
+        {{"base64", "decode", "YWJj===="}, "", 1, "", nullptr, nullptr, "not valid Base64 text"},
+        {{"base64", "decode"}, "YWJj====\n", 1, nullptr, nullptr, nullptr, "not valid Base64 text"},
         {{"base64", "encode", "a", "b"}, "", 2, nullptr, nullptr, nullptr, "unexpected argument 'b'"},
         {{"base64", "frob"}, "", 2, nullptr, nullptr, nullptr, "unknown mode 'frob'"},
         {{"url", "decode", "a%zzb"}, "", 1, nullptr, nullptr, nullptr, "'%zz' at byte 2 is no escape"},

@@ -43,6 +43,13 @@ bool Write(const std::string& bytes) {
     return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
 }
 
+// Padding may only end the text, one or two '=' (the decoder reads "====" as a byte of its own).
+bool PaddingOk(const std::string& text) {
+    const size_t last = text.find_last_not_of('=');
+    const size_t pads = last == std::string::npos ? text.size() : text.size() - last - 1;
+    return pads <= 2 && (pads == 0 || text.find('=') == text.size() - pads) && pads < text.size();
+}
+
 constexpr size_t kPiece = 3 * 65536; // whole Base64 groups: a multiple of 3 and of 4
 
 // Encodes standard input piece by piece: pieces of whole 3-byte groups encode to the text of the
@@ -90,6 +97,7 @@ int DecodeStdin() {
     while (!sawNul && !pending.empty() && (pending.back() == '\n' || pending.back() == '\r'))
         pending.pop_back();
     if (!pending.empty()) {
+        if (!PaddingOk(pending)) return invalid();
         std::string bytes = STRING_UTIL::Base64Decode(pending);
         if (bytes.empty()) return invalid();
         ok = ok && Write(bytes);
@@ -114,6 +122,7 @@ int RunBase64(const Args& args) {
     // Text usually ends in a line break, which is no Base64 character.
     while (!input.empty() && (input.back() == '\n' || input.back() == '\r'))
         input.pop_back();
+    if (!input.empty() && !PaddingOk(input)) return Error("base64: input is not valid Base64 text");
     std::string bytes = STRING_UTIL::Base64Decode(input);
     if (bytes.empty() && !input.empty()) return Error("base64: input is not valid Base64 text");
     std::fwrite(bytes.data(), 1, bytes.size(), stdout);
