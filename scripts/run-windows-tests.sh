@@ -120,7 +120,7 @@ port80_skipped() {
   fi
 }
 
-for program in text_tests file_tests task_tests http_tests database_tests database_demo_tests \
+for program in text_tests file_tests task_tests http_tests database_tests database_demo_tests cli_tests \
   umbrella_client_tests tour_tests; do
   run_gtest "$program"
 done

@@ -1,6 +1,7 @@
 // One connection to a SQLite database file, with a bounded busy wait.
 #include "zoth/database/CSqlLiteInternal.h"
 
+#include "SqliteErrorText.h"
 #include "zoth/text/STRING_UTIL.h"
 
 namespace ZOTH {
@@ -76,6 +77,12 @@ int CSqlLiteInternal::ExecQuery(std::string& sql, CSqlLiteQueryInternal& query, 
     query.Finalize(); // the cursor's old statement would otherwise keep the connection from closing
     query.InitSqlLiteQuery(m_pDb, statement, rc == SQLITE_DONE);
     return 1;
+}
+
+// Read live from the connection rather than kept: the class's layout stays as it was, and copies,
+// which share the connection, agree on it.
+std::string CSqlLiteInternal::GetLastErrorText() {
+    return database::LastErrorText(m_pDb, "no database is open");
 }
 
 void CSqlLiteInternal::SetBusyTimeout(int ms) {

@@ -28,6 +28,7 @@ inline bool IsNullAfterZero(sqlite3_stmt* stmt, int index) {
 // so every copy learns of it on its next call. The last holder's release finalizes what still lives.
 struct CSqlLiteQueryInternal::Shared {
     sqlite3_stmt* stmt;
+    std::string error; // SQLite's message when a step ended the statement on a failure
     explicit Shared(sqlite3_stmt* s) : stmt(s) {}
     Shared(const Shared&) = delete;
     Shared& operator=(const Shared&) = delete;
@@ -97,6 +98,9 @@ void CSqlLiteQueryInternal::NextRow() {
     if (rc == SQLITE_DONE) {
         m_bEof = true;
     } else if (rc != SQLITE_ROW) {
+        // Kept with the statement's life: the connection may be closed by the time anyone asks.
+        const char* text = sqlite3_errmsg(m_pDb);
+        m_spShared->error = text != nullptr ? text : sqlite3_errstr(rc);
         Finalize(); // a failed statement is of no further use to any copy
     }
 }
@@ -177,6 +181,24 @@ bool CSqlLiteQueryInternal::FieldDeclType(int index, std::string& declType) {
 
 bool CSqlLiteQueryInternal::FieldIsNull(int index) {
     return ValidColumn(Held(), m_nCols, index) && sqlite3_column_type(m_pStmt, index) == SQLITE_NULL;
+}
+
+bool CSqlLiteQueryInternal::GetBlobField(int index, std::string& bytes) {
+    if (!ValidColumn(Held(), m_nCols, index)) return false;
+    // The pointer first, then the length, as SQLite asks: the read may convert the value.
+    const void* data = sqlite3_column_blob(m_pStmt, index);
+    const int size = sqlite3_column_bytes(m_pStmt, index);
+    if (data == nullptr) { // SQL NULL, an empty value, or no memory for a conversion
+        if (size != 0 || sqlite3_column_type(m_pStmt, index) == SQLITE_NULL) return false;
+        bytes.clear();
+        return true;
+    }
+    bytes.assign(static_cast<const char*>(data), static_cast<size_t>(size));
+    return true;
+}
+
+std::string CSqlLiteQueryInternal::GetLastErrorText() {
+    return m_spShared != nullptr ? m_spShared->error : "";
 }
 
 bool CSqlLiteQueryInternal::FieldIndex(const char* name, int& index) {

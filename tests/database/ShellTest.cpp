@@ -182,8 +182,9 @@ TEST(DatabaseSqlCommand, PrintsRowsAndReportsFailures) {
         {db + Quote("SELECT a, b, c AS price FROM t ORDER BY a"), 0, "a\tb\tprice\n1\tx\tNULL\n2\t\t2.5\n",
          nullptr},
         {db + Quote("SELECT a FROM t WHERE a > 5"), 0, "a\n", nullptr},
-        {db + Quote("SELEC a FROM t"), 1, nullptr, "SQLite code 1"},
-        {db + Quote("INSERT INTO t(a) SELECT abs(-9223372036854775808)"), 1, nullptr, "SQLite code 1"},
+        {db + Quote("SELEC a FROM t"), 1, nullptr, "near \"SELEC\": syntax error"},
+        {db + Quote("INSERT INTO t(a) SELECT abs(-9223372036854775808)"), 1, nullptr,
+         "integer overflow (SQLite code 1)"},
         {db, 2, nullptr, nullptr},
         {Quote(dir / "no-folder/x.db") + " " + Quote("SELECT 1"), 1, nullptr, nullptr},
     };

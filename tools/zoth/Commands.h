@@ -17,14 +17,32 @@ using Args = std::vector<std::string>; // the arguments behind the command name
 struct Command {
     const char* name;    // "md5"
     const char* usage;   // "md5 FILE | md5 -s TEXT"
-    const char* summary; // one line for `zoth --help`
+    const char* summary; // one line for `zoth --help`, and the first of `zoth md5 --help`
     int (*run)(const Args& args);
+    const char* options = nullptr; // lines shown after the usage by `zoth md5 --help`, if any
 };
 
 // Prints "zoth: <message>" on stderr and returns the exit code for bad input (2).
 int Fail(const std::string& message);
 // Prints "zoth: <message>" on stderr and returns the exit code for a failed operation (1).
 int Error(const std::string& message);
+// Usage errors of `command` (exit 2), one line each, ending with a pointer to its help:
+// "zoth: md5: <problem>; see zoth md5 --help".
+inline int Usage(const std::string& command, const std::string& problem) {
+    return Fail(command + ": " + problem + "; see zoth " + command + " --help");
+}
+// An argument beyond what `command` takes.
+inline int Extra(const std::string& command, const std::string& argument) {
+    return Usage(command, "unexpected argument '" + argument + "'");
+}
+// An option that `command` does not know.
+inline int UnknownOption(const std::string& command, const std::string& option) {
+    return Usage(command, "unknown option '" + option + "'");
+}
+// Whether `argument` has the form of an option ("-x", "--x"; "-" alone names standard input).
+inline bool IsOption(const std::string& argument) {
+    return argument.size() > 1 && argument[0] == '-';
+}
 // Reads all of standard input as bytes.
 std::string ReadStdin();
 // `md5 -`: streams standard input through MD5 in constant memory and prints "<hex>  -"; 1 with a

@@ -1,5 +1,6 @@
 // zoth commands and demo section of the database subsystem.
 #include "Commands.h"
+#include "SqlStatements.h"
 
 #include "zoth/database/CDataBaseInfo.h"
 #include "zoth/database/CSqlLiteInternal.h"
@@ -28,27 +29,66 @@ bool InitDatabase(CSqlLiteInternal& db, const std::string& utf8Path) {
     return db.Init(info) == 1;
 }
 
-std::string CodeText(DWORD code) {
-    return "SQLite code " + std::to_string(code);
+// What failed, in SQLite's words, with its code where the library gave one.
+std::string FailureText(CSqlLiteInternal& db, DWORD code) {
+    std::string text = db.GetLastErrorText();
+    if (text.empty()) text = "no message from SQLite";
+    return code != 0 ? text + " (SQLite code " + std::to_string(code) + ")" : text;
 }
 
-// One value for printing: NULL stands apart from the empty text.
+// A value or a name on one line of tab-separated output: backslash, tab, line breaks and NUL
+// escaped as in C, so every value stays on its line and in its column.
+std::string Escaped(const std::string& bytes) {
+    std::string out;
+    for (char ch : bytes) {
+        switch (ch) {
+        case '\\':
+            out += "\\\\";
+            break;
+        case '\t':
+            out += "\\t";
+            break;
+        case '\n':
+            out += "\\n";
+            break;
+        case '\r':
+            out += "\\r";
+            break;
+        case '\0':
+            out += "\\0";
+            break;
+        default:
+            out += ch;
+        }
+    }
+    return out;
+}
+
+// One value for printing: NULL stands apart from the empty text, a BLOB is x'hex' (as SQL writes
+// it), everything else its text, all of its bytes, escaped.
 std::string Cell(CSqlLiteQueryInternal& q, int col) {
-    std::string value;
-    if (q.FieldIsNull(col)) return "NULL";
-    q.GetStringField(col, value);
-    return value;
+    int type = 0;
+    std::string bytes;
+    if (q.FieldIsNull(col) || !q.FieldDataType(col, type) || !q.GetBlobField(col, bytes)) return "NULL";
+    if (type == SQLITE_BLOB) {
+        static const char kHex[] = "0123456789abcdef";
+        std::string hex = "x'";
+        for (unsigned char byte : bytes)
+            hex += std::string{kHex[byte >> 4], kHex[byte & 15]};
+        return hex + "'";
+    }
+    return Escaped(bytes);
 }
 
-// Prints the header and every row of the cursor; false when a step failed on the way.
-bool PrintRows(CSqlLiteQueryInternal& q) {
+// Prints the header and every row of the cursor; "" when all went well, else SQLite's reason.
+std::string PrintRows(CSqlLiteQueryInternal& q) {
     int cols = q.GetCols();
-    if (cols == 0) return true;
+    if (cols == 0) return "";
     std::string line;
     for (int c = 0; c < cols; ++c) {
         std::string name;
         q.FieldName(c, name);
-        line += (c ? "\t" : "") + name;
+        line += (c ? "\t" : "") + Escaped(name);
     }
     std::printf("%s\n", line.c_str());
     while (!q.Eof()) {
@@ -58,47 +98,59 @@ bool PrintRows(CSqlLiteQueryInternal& q) {
         std::printf("%s\n", line.c_str());
         q.NextRow();
     }
-    // At the end the names are still there; after a failed step the statement is gone.
-    std::string name;
-    return q.FieldName(0, name);
+    return q.GetLastErrorText(); // a failed step ends the rows early and says why here
+}
+
+// Runs each statement in turn and prints the rows of those that give columns, a blank line between
+// two tables. Stops at the first failure, which names the statement: those before it have run.
+int RunStatements(CSqlLiteInternal& db, const std::vector<std::string>& statements) {
+    bool printed = false;
+    for (size_t i = 0; i < statements.size(); ++i) {
+        std::string where;
+        if (statements.size() > 1)
+            where = " in statement " + std::to_string(i + 1) + " of " + std::to_string(statements.size()) +
+                    (i > 0 ? " (the ones before it have run)" : "");
+        std::string sql = statements[i];
+        CSqlLiteQueryInternal q;
+        DWORD code = 0;
+        if (db.ExecQuery(sql, q, code) != 1)
+            return Error("SQL failed" + where + ": " + FailureText(db, code));
+        if (printed && q.GetCols() > 0) std::printf("\n");
+        printed = printed || q.GetCols() > 0;
+        std::string failure = PrintRows(q);
+        q.Finalize();
+        if (!failure.empty()) return Error("reading rows failed" + where + ": " + failure);
+    }
+    return 0;
 }
 
 int RunSql(const Args& args) {
     bool script = !args.empty() && args[0] == "--exec";
     size_t at = script ? 1 : 0;
-    if (args.size() != at + 2) return Fail("sql needs DBFILE and SQL");
-    if (int missing = NeedDll("sql", kSqliteDll)) return missing;
+    if (args.size() > at && IsOption(args[at])) return UnknownOption("sql", args[at]);
+    if (args.size() < at + 2) return Usage("sql", "needs DBFILE and SQL");
+    if (args.size() > at + 2) return Extra("sql", args[at + 2]);
     const std::string& path = args[at];
     std::string sql = args[at + 1];
-    if (path.empty()) return Fail("empty database path");
+    if (path.empty()) return Usage("sql", "empty database path");
+    if (sql.empty()) return Usage("sql", "empty SQL");
+    std::vector<std::string> statements = SplitStatements(sql);
+    if (statements.empty()) return Usage("sql", "no SQL statement in the text");
+    if (int missing = NeedDll("sql", kSqliteDll)) return missing;
     CSqlLiteInternal db;
     if (!InitDatabase(db, path))
         return Fail("database path not representable in the ANSI code page: " + path);
     if (db.OpenSqlDB() != 1) {
+        std::string why = db.GetLastErrorText();
         db.CloseDB();
-        return Error("cannot open database " + path);
+        return Error("cannot open database " + path + ": " + why);
     }
-    DWORD code = 0;
     int status = 0;
+    DWORD code = 0;
     if (script) {
-        if (db.ExecSql(sql, code) != 1) status = Error("SQL failed: " + CodeText(code));
+        if (db.ExecSql(sql, code) != 1) status = Error("SQL failed: " + FailureText(db, code));
     } else {
-        CSqlLiteQueryInternal q;
-        if (sql.empty()) {
-            status = Fail("empty SQL");
-        } else if (db.ExecQuery(sql, q, code) == 1) {
-            if (!PrintRows(q)) status = Error("reading rows failed");
-        } else if (code == 0) {
-            // ExecQuery does not report why a statement failed to compile. Run it as a script
-            // to learn: a statement that does not compile is never run.
-            if (db.ExecSql(sql, code) != 1)
-                status = Error("SQL failed: " + CodeText(code));
-            else
-                status = Error("no SQL statement in the text");
-        } else {
-            status = Error("SQL failed: " + CodeText(code));
-        }
-        q.Finalize();
+        status = RunStatements(db, statements);
     }
     db.CloseDB();
     return status;
@@ -117,10 +169,13 @@ std::string Quote(const std::string& text) {
 
 std::vector<Command> DatabaseCommands() {
     return {
-        {"sql", "sql DBFILE SQL | sql --exec DBFILE SQL",
-         "run one SQL statement on a SQLite file and print its rows tab-separated (NULL as NULL); "
-         "--exec runs a whole script",
-         RunSql},
+        {"sql", "sql [--exec] DBFILE SQL",
+         "run every SQL statement of SQL on a SQLite file, in turn, and print the rows tab-separated", RunSql,
+         "  --exec   run SQL as one script (sqlite3_exec): no rows are printed\n\n"
+         "Rows: a header line of column names, then one line per row, a blank line between the tables of\n"
+         "two statements. NULL prints as NULL, a BLOB as x'hex'; backslash, tab, CR, LF and NUL inside a\n"
+         "value print as \\\\, \\t, \\r, \\n and \\0. A failed statement stops the run, named with\n"
+         "SQLite's message; the statements before it have run."},
     };
 }
 
@@ -151,7 +206,7 @@ void DatabaseDemo(Demo& demo) {
     DWORD code = 0;
     ok = db.ExecSql(sql, code) == 1;
     demo.Step("database", "store demo steps", ok,
-              ok ? std::to_string(before.size()) + " rows written" : CodeText(code));
+              ok ? std::to_string(before.size()) + " rows written" : FailureText(db, code));
 
     // Read them back through the cursor and compare field by field.
     CSqlLiteQueryInternal q;
@@ -185,7 +240,7 @@ void DatabaseDemo(Demo& demo) {
     int result = db.ExecSql(write, code);
     auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start);
     demo.Step("database", "bounded busy wait", held && result == 0 && code == 5 && ms.count() < 500,
-              "blocked write gave up after " + std::to_string(ms.count()) + " ms with " + CodeText(code));
+              "blocked write gave up after " + std::to_string(ms.count()) + " ms: " + FailureText(db, code));
     std::string rollback = "ROLLBACK";
     holder.ExecSql(rollback, code);
     holder.CloseDB();

@@ -6,7 +6,11 @@
 #include "zoth/platform/Win32Path.h"
 #include "zoth/text/STRING_UTIL.h"
 
+#include "RmtreeReasons.h"
+
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <unistd.h>
@@ -40,13 +44,22 @@ std::string TimeText(const _SYSTEMTIME& t) {
     return buffer;
 }
 
+// The C library's reason for the failure in errno, e.g. "Permission denied".
+std::string ErrnoText() {
+    return std::strerror(errno);
+}
+
 int RunMd5(const Args& args) {
-    if (args.size() == 2 && args[0] == "-s") {
+    if (args.empty()) return Usage("md5", "needs FILE, -s TEXT or -");
+    if (args[0] == "-s") {
+        if (args.size() < 2) return Usage("md5", "-s needs TEXT");
+        if (args.size() > 2) return Extra("md5", args[2]);
         std::printf("%s\n", Md5OfBytes(args[1]).c_str());
         return 0;
     }
-    if (args.size() != 1) return Fail("usage: zoth md5 FILE | -s TEXT | -");
+    if (args.size() > 1) return Extra("md5", args[1]);
     if (args[0] == "-") return Md5OfStdin();
+    if (IsOption(args[0])) return UnknownOption("md5", args[0]);
     const std::string& path = args[0];
     // GetFileMd5 would create a missing file, so look first.
     if (!PathFileExistsA(path.c_str())) return Error("no such file: " + path);
@@ -60,15 +73,28 @@ int RunMd5(const Args& args) {
         std::error_code ec;
         std::filesystem::remove(temp, ec);
     }
-    if (md5.empty()) return Error("cannot read " + path);
+    if (md5.empty()) {
+        // The library says only that it failed: ask the C library why the file cannot be read.
+        FILE* file = std::fopen(path.c_str(), "rb");
+        if (file == nullptr) return Error("cannot read " + path + ": " + ErrnoText());
+        std::fclose(file);
+        return Error("cannot read " + path);
+    }
     std::printf("%s  %s\n", md5.c_str(), path.c_str());
     return 0;
 }
 
 int RunLs(const Args& args) {
-    if (args.empty() || args.size() > 2) return Fail("usage: zoth ls DIR [FILTER]");
+    if (args.empty()) return Usage("ls", "needs DIR");
+    if (args.size() > 2) return Extra("ls", args[2]);
+    if (IsOption(args[0])) return UnknownOption("ls", args[0]);
     const std::string& dir = args[0];
-    if (!PathFileExistsA(dir.c_str()) || !IsFolder(dir)) return Error("no such folder: " + dir);
+    if (!PathFileExistsA(dir.c_str())) return Error("no such folder: " + dir);
+    if (!IsFolder(dir)) return Error("not a folder: " + dir);
+    // The listing passes over a folder it cannot open: find out first, so that is no empty listing.
+    std::error_code ec;
+    std::filesystem::directory_iterator probe(std::filesystem::path(dir), ec);
+    if (ec) return Error("cannot list " + dir + ": " + ec.message());
     std::string filter = args.size() == 2 ? args[1] : "";
     for (const auto& [name, path] : CPathHelper::GetLocalDirMap(dir))
         if (filter.empty() || name.find(filter) != std::string::npos) std::printf("%s/\n", name.c_str());
@@ -78,17 +104,22 @@ int RunLs(const Args& args) {
 }
 
 int RunRmtree(const Args& args) {
-    if (args.size() != 1) return Fail("usage: zoth rmtree DIR");
+    if (args.empty()) return Usage("rmtree", "needs DIR");
+    if (args.size() > 1) return Extra("rmtree", args[1]);
+    if (IsOption(args[0])) return UnknownOption("rmtree", args[0]);
     const std::string& dir = args[0];
-    if (!PathFileExistsA(dir.c_str()) || !IsFolder(dir)) return Error("no such folder: " + dir);
-    if (!CPathHelper::DeleteDirectory(dir)) return Error("could not remove all of " + dir);
+    if (std::string refusal = RmtreeRefusal(dir); !refusal.empty()) return Error("rmtree: " + refusal);
+    if (!CPathHelper::DeleteDirectory(dir)) return Error("rmtree: " + WhatResisted(dir));
     return 0;
 }
 
 int RunVersion(const Args& args) {
-    if (args.size() != 1) return Fail("usage: zoth version FILE");
+    if (args.empty()) return Usage("version", "needs FILE");
+    if (args.size() > 1) return Extra("version", args[1]);
+    if (IsOption(args[0])) return UnknownOption("version", args[0]);
     const std::string& path = args[0];
     if (!PathFileExistsA(path.c_str())) return Error("no such file: " + path);
+    if (IsFolder(path)) return Error(path + " is a folder");
     std::string text = CFileHepler::GetExeFileVersion(path);
     if (text.empty()) return Error(path + " has no version resource");
     std::printf("%s (packed 0x%08X)\n", text.c_str(),
@@ -97,7 +128,10 @@ int RunVersion(const Args& args) {
 }
 
 int RunStat(const Args& args) {
-    if (args.size() != 1) return Fail("usage: zoth stat FILE");
+    if (args.empty()) return Usage("stat", "needs FILE");
+    if (args.size() > 1) return Extra("stat", args[1]);
+    if (IsOption(args[0])) return UnknownOption("stat", args[0]);
+    if (!PathFileExistsA(args[0].c_str())) return Error("no such file or folder: " + args[0]);
     _SYSTEMTIME created = {}, written = {}, accessed = {};
     if (!CFileHepler::GetFileTimeInfo(args[0], &created, &written, &accessed))
         return Error("cannot read the times of " + args[0]);
@@ -110,11 +144,14 @@ int RunStat(const Args& args) {
 
 std::vector<Command> FileCommands() {
     return {
-        {"md5", "md5 FILE | md5 -s TEXT | md5 -", "MD5 of a file, of TEXT or of standard input", RunMd5},
+        {"md5", "md5 FILE | md5 -s TEXT | md5 -", "MD5 of a file, of TEXT or of standard input", RunMd5,
+         "  -s TEXT  the MD5 of TEXT itself\n  -        the MD5 of standard input"},
         {"ls", "ls DIR [FILTER]", "folders and files in DIR; FILTER is a case-sensitive part of the name",
          RunLs},
         {"rmtree", "rmtree DIR", "delete DIR with everything in it (links are removed, not followed)",
-         RunRmtree},
+         RunRmtree,
+         "  (none)   refuses the root, '.', '..' and a DIR that is itself a link; when an entry resists,\n"
+         "           names it and says why (read-only, access denied, in use)"},
         {"version", "version FILE", "file version of a PE file (.exe, .dll) from its version resource",
          RunVersion},
         {"stat", "stat FILE", "creation, last write and last access time of FILE in local time", RunStat},

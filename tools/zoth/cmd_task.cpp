@@ -125,9 +125,12 @@ bool EndLoops(std::condition_variable& cond, const std::vector<CountingLoopTimer
 
 int RunTasks(const Args& args) {
     long count = 0, workMs = 50;
-    if (args.empty() || args.size() > 2 || !ParseCount(args[0], 1, 1000, count) ||
-        (args.size() == 2 && !ParseCount(args[1], 0, 10000, workMs)))
-        return Fail("usage: zoth tasks N [WORK_MS]  (N 1..1000, WORK_MS 0..10000)");
+    if (args.empty()) return Usage("tasks", "needs N");
+    if (args.size() > 2) return Extra("tasks", args[2]);
+    if (!ParseCount(args[0], 1, 1000, count))
+        return Usage("tasks", "N must be 1..1000, not '" + args[0] + "'");
+    if (args.size() == 2 && !ParseCount(args[1], 0, 10000, workMs))
+        return Usage("tasks", "WORK_MS must be 0..10000, not '" + args[1] + "'");
     auto start = Clock::now();
     CliRegistry registry;
     std::vector<std::pair<std::string, std::shared_ptr<SleepTask>>> tasks;
@@ -159,9 +162,12 @@ int RunTasks(const Args& args) {
 
 int RunTimer(const Args& args) {
     long ticks = 0, intervalMs = 100;
-    if (args.empty() || args.size() > 2 || !ParseCount(args[0], 1, 1000, ticks) ||
-        (args.size() == 2 && !ParseCount(args[1], 0, 10000, intervalMs)))
-        return Fail("usage: zoth timer TICKS [INTERVAL_MS]  (TICKS 1..1000, INTERVAL_MS 0..10000)");
+    if (args.empty()) return Usage("timer", "needs TICKS");
+    if (args.size() > 2) return Extra("timer", args[2]);
+    if (!ParseCount(args[0], 1, 1000, ticks))
+        return Usage("timer", "TICKS must be 1..1000, not '" + args[0] + "'");
+    if (args.size() == 2 && !ParseCount(args[1], 0, 10000, intervalMs))
+        return Usage("timer", "INTERVAL_MS must be 0..10000, not '" + args[1] + "'");
     auto start = Clock::now();
     TickTimer timer(static_cast<int>(ticks));
     if (!timer.InitTimerBase(static_cast<unsigned>(intervalMs))) return Error("cannot start the timer");

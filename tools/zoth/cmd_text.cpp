@@ -5,6 +5,7 @@
 #include "zoth/text/CTimeHelper.h"
 #include "zoth/text/STRING_UTIL.h"
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +41,13 @@ bool ReadPiece(std::string& piece, size_t most) {
 
 bool Write(const std::string& bytes) {
     return std::fwrite(bytes.data(), 1, bytes.size(), stdout) == bytes.size();
+}
+
+// Padding may only end the text, one or two '=' (the decoder reads "====" as a byte of its own).
+bool PaddingOk(const std::string& text) {
+    const size_t last = text.find_last_not_of('=');
+    const size_t pads = last == std::string::npos ? text.size() : text.size() - last - 1;
+    return pads <= 2 && (pads == 0 || text.find('=') == text.size() - pads) && pads < text.size();
 }
 
 constexpr size_t kPiece = 3 * 65536; // whole Base64 groups: a multiple of 3 and of 4
@@ -89,6 +97,7 @@ int DecodeStdin() {
     while (!sawNul && !pending.empty() && (pending.back() == '\n' || pending.back() == '\r'))
         pending.pop_back();
     if (!pending.empty()) {
+        if (!PaddingOk(pending)) return invalid();
         std::string bytes = STRING_UTIL::Base64Decode(pending);
         if (bytes.empty()) return invalid();
         ok = ok && Write(bytes);
@@ -99,9 +108,10 @@ int DecodeStdin() {
 
 // base64 encode|decode [TEXT]: TEXT, or all of standard input when it is absent, streamed.
 int RunBase64(const Args& args) {
-    if (args.empty() || args.size() > 2) return Fail("usage: base64 encode|decode [TEXT]");
+    if (args.empty()) return Usage("base64", "needs encode or decode");
+    if (args.size() > 2) return Extra("base64", args[2]);
     const std::string& mode = args[0];
-    if (mode != "encode" && mode != "decode") return Fail("base64: unknown mode '" + mode + "'");
+    if (mode != "encode" && mode != "decode") return Usage("base64", "unknown mode '" + mode + "'");
     BinaryStdio();
     if (args.size() == 1) return mode == "encode" ? EncodeStdin() : DecodeStdin();
     std::string input = args[1];
@@ -112,50 +122,67 @@ int RunBase64(const Args& args) {
     // Text usually ends in a line break, which is no Base64 character.
     while (!input.empty() && (input.back() == '\n' || input.back() == '\r'))
         input.pop_back();
+    if (!input.empty() && !PaddingOk(input)) return Error("base64: input is not valid Base64 text");
     std::string bytes = STRING_UTIL::Base64Decode(input);
     if (bytes.empty() && !input.empty()) return Error("base64: input is not valid Base64 text");
     std::fwrite(bytes.data(), 1, bytes.size(), stdout);
     return 0;
 }
 
+// Where `text` holds a "%" not followed by two hex digits, which no decoder can read back; npos when
+// there is none.
+size_t BadEscape(const std::string& text) {
+    auto hex = [](char ch) { return std::isxdigit(static_cast<unsigned char>(ch)) != 0; };
+    for (size_t at = text.find('%'); at != std::string::npos; at = text.find('%', at + 1))
+        if (at + 2 >= text.size() || !hex(text[at + 1]) || !hex(text[at + 2])) return at;
+    return std::string::npos;
+}
+
 // url encode|decode|domain|params TEXT
 int RunUrl(const Args& args) {
-    if (args.size() != 2) return Fail("usage: url encode|decode|domain|params TEXT");
+    if (args.empty()) return Usage("url", "needs encode, decode, domain or params, and TEXT");
     const std::string& mode = args[0];
+    if (mode != "encode" && mode != "decode" && mode != "domain" && mode != "params")
+        return Usage("url", "unknown mode '" + mode + "'");
+    if (args.size() < 2) return Usage("url", mode + " needs TEXT");
+    if (args.size() > 2) return Extra("url", args[2]);
     const std::string& text = args[1];
     if (mode == "encode") {
         std::printf("%s\n", STRING_UTIL::UrlEncode(text).c_str());
     } else if (mode == "decode") {
+        if (size_t at = BadEscape(text); at != std::string::npos)
+            return Error("url: '" + text.substr(at, 3) + "' at byte " + std::to_string(at + 1) +
+                         " is no escape (% and two hex digits)");
         std::string bytes = STRING_UTIL::UrlDecode(text);
         std::fwrite(bytes.data(), 1, bytes.size(), stdout);
         std::printf("\n");
     } else if (mode == "domain") {
-        std::printf("%s\n", STRING_UTIL::Url2Domain(text).c_str());
-    } else if (mode == "params") {
+        std::string host = STRING_UTIL::Url2Domain(text);
+        if (host.empty()) return Error("url: no host in '" + text + "'");
+        std::printf("%s\n", host.c_str());
+    } else {
         for (const auto& [key, value] : STRING_UTIL::Url2Params(text))
             std::printf("%s=%s\n", key.c_str(), value.c_str());
-    } else {
-        return Fail("url: unknown mode '" + mode + "'");
     }
     return 0;
 }
 
 int RunGuid(const Args& args) {
-    if (!args.empty()) return Fail("guid takes no arguments");
+    if (!args.empty()) return Extra("guid", args[0]);
     std::printf("%s\n", STRING_UTIL::GetGuid().c_str());
     return 0;
 }
 
 // time: the local clock in its three forms; time TICKS: those file-time ticks as text.
 int RunTime(const Args& args) {
-    if (args.size() > 1) return Fail("usage: time [TICKS]");
+    if (args.size() > 1) return Extra("time", args[1]);
     if (args.size() == 1) {
         const std::string& text = args[0];
         char* end = nullptr;
         errno = 0;
         long long ticks = std::strtoll(text.c_str(), &end, 10);
         if (text.empty() || *end != '\0' || errno == ERANGE)
-            return Fail("time: TICKS must be a whole number");
+            return Usage("time", "TICKS must be a whole number, not '" + text + "'");
         if (ticks < 0) return Error("time: negative tick counts have no date");
         std::printf("%s\n", CTimeHelper::GetCurrentTimeStamp(ticks).c_str());
         return 0;

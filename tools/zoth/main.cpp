@@ -45,6 +45,16 @@ std::vector<Command> AllCommands() {
     return all;
 }
 
+// `zoth CMD --help`: what the command does first, then how to call it and its options.
+void PrintCommandHelp(const Command& c) {
+    std::printf("%s\n\nusage: zoth %s\n", c.summary, c.usage);
+    if (c.options != nullptr) std::printf("\noptions:\n%s\n", c.options);
+}
+
+bool IsHelp(const std::string& argument) {
+    return argument == "--help" || argument == "-h";
+}
+
 void PrintHelp(const std::vector<Command>& commands) {
     std::printf("usage: zoth COMMAND [ARGS...]\n       zoth COMMAND --help\n       zoth --version\n\n");
     std::printf("  %-14s %s\n", "demo", "walk every subsystem end to end and print a summary");
@@ -76,7 +86,7 @@ std::string MakeWorkDir() {
 }
 
 int RunDemo(const Args& args) {
-    if (!args.empty()) return Fail("demo takes no arguments");
+    if (!args.empty()) return Extra("demo", args[0]);
     const std::string workDir = MakeWorkDir();
     if (workDir.empty()) return Error("cannot create a temporary folder");
     Demo demo(workDir);
@@ -116,28 +126,43 @@ int main(int argc, char** argv) {
     }
     std::string name = argv[1];
     Args args(argv + 2, argv + argc);
-    if (name == "--help" || name == "-h" || name == "help") {
-        PrintHelp(commands);
-        return 0;
+    auto find = [&](const std::string& wanted) -> const Command* {
+        for (const Command& c : commands)
+            if (wanted == c.name) return &c;
+        return nullptr;
+    };
+    if (IsHelp(name) || name == "help") {
+        // `zoth help CMD` is `zoth CMD --help`.
+        if (args.size() > 1) return Fail("unexpected argument '" + args[1] + "' (see zoth --help)");
+        if (args.empty()) {
+            PrintHelp(commands);
+            return 0;
+        }
+        name = args[0];
+        args = {"--help"};
     }
     if (name == "--version") {
+        if (!args.empty()) return Fail("unexpected argument '" + args[0] + "' (see zoth --help)");
         std::printf("zoth %s\n", ZOTH_VERSION);
         return 0;
     }
     if (name == "demo") {
-        if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
-            std::printf("usage: zoth demo\n");
+        if (!args.empty() && IsHelp(args[0])) {
+            if (args.size() > 1) return Extra("demo", args[1]);
+            std::printf("walk every subsystem end to end and print a summary\n\nusage: zoth demo\n");
             return 0;
         }
         return RunDemo(args);
     }
-    for (const Command& c : commands) {
-        if (name != c.name) continue;
-        if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
-            std::printf("usage: zoth %s\n%s\n", c.usage, c.summary);
-            return 0;
-        }
-        return c.run(args);
+    const Command* c = find(name);
+    if (c == nullptr) {
+        if (IsOption(name)) return Fail("unknown option '" + name + "' (see zoth --help)");
+        return Fail("unknown command '" + name + "' (see zoth --help)");
     }
-    return Fail("unknown command '" + name + "' (see zoth --help)");
+    if (!args.empty() && IsHelp(args[0])) {
+        if (args.size() > 1) return Extra(c->name, args[1]);
+        PrintCommandHelp(*c);
+        return 0;
+    }
+    return c->run(args);
 }

@@ -44,6 +44,12 @@ public:
     /// row) or 101 (no rows). 0 on failure with `code` the step's error, or 0 when the text does not
     /// compile, and `query` untouched. 0 with `code` untouched when not open or `sql` is empty.
     int ExecQuery(std::string& sql, CSqlLiteQueryInternal& query, DWORD& code);
+    /// SQLite's English message for the connection's most recent call when that call failed
+    /// (sqlite3_errmsg): "no such table: t", "near \"SELEC\": syntax error", "database is locked". Set
+    /// by OpenSqlDB, CloseDB, ExecSql, ExecQuery (also when the text does not compile, where `code` is
+    /// 0) and by its cursors' NextRow; "" after a success; "no database is open" without a
+    /// connection. A refusal before SQLite is called (ExecQuery of "") leaves it as it was.
+    std::string GetLastErrorText();
 
 private:
     // The first statement of `text` compiled, or null on failure; the rest of the text is ignored.

@@ -69,6 +69,9 @@ public:
     bool FieldDeclType(int index, std::string& declType);
     /// True exactly when the column exists and holds SQL NULL.
     bool FieldIsNull(int index);
+    /// All the column's bytes, NULs included, and nothing cut: a BLOB as stored, text as its UTF-8
+    /// bytes, a number as its text. True with "" for an empty value; false and untouched for NULL.
+    bool GetBlobField(int index, std::string& bytes);
     //@}
 
     /** @name Readers by column name
@@ -91,6 +94,11 @@ public:
 
     /// Index of the first column named exactly `name`; false and `index` untouched if none.
     bool FieldIndex(const char* name, int& index);
+
+    /// Why NextRow ended the statement on an error (whose code it drops): SQLite's message, e.g.
+    /// "integer overflow", kept with the statement and seen by every copy, also after the connection
+    /// is closed. "" while no step has failed, and for a cursor that never held a statement.
+    std::string GetLastErrorText();
 
 private:
     sqlite3* m_pDb;        // the statement's connection; never closed here
