@@ -134,7 +134,7 @@ int main(int argc, char** argv) {
     for (const Command& c : commands) {
         if (name != c.name) continue;
         if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
-            std::printf("usage: zoth %s\n%s\n", c.usage, c.summary);
+            std::printf("%s\n\nusage: zoth %s\n", c.summary, c.usage); // what it does, then how
             return 0;
         }
         return c.run(args);
