@@ -98,10 +98,11 @@ public:
     CURLcode GetResultCode();
     /// Header lines of the latest transfer exactly as received, line ends included.
     std::string GetResponseHeaders();
-    /// HTTP status of the latest operation's last response (after followed redirects, the final
-    /// one's); 0 when no response came (no connection, a refused URL, no operation yet).
+    /// HTTP status of the latest libcurl operation's last response (after followed redirects, the
+    /// final one's); 0 when no response came (no connection, a refused URL, no operation yet). The
+    /// WinINet road leaves it as it was.
     long GetStatusCode();
-    /// Words for the latest operation's failure; "" when it did what was asked and any status was
+    /// Words for the latest libcurl operation's failure; "" when it did what was asked and any status was
     /// below 400. A libcurl failure gives libcurl's message and its detail ("Couldn't connect to
     /// server: Failed to connect to 127.0.0.1 port 8080: Connection refused"); a status of 400 or
     /// more "HTTP status 404 Not Found" (also when the result was 1); the library's own refusals
