@@ -100,7 +100,7 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
         }
         // A redirect gives 0 with CURLE_OK and the redirect's status: followed, when asked, from here.
         std::string current = url;
-        EREQUEST_METHOD_tag method = EREQUEST_METHOD_GET;
+        int method = EREQUEST_METHOD_GET;
         int hops = 0;
         int result = DownloadOnce(current, filePath, check);
         for (int next = 1; result == 0 && next > 0;) {

@@ -7,7 +7,7 @@
 namespace ZOTH {
 
 int CHttpClientCurl::TestNetSpeed(std::string url, int seconds) {
-    EREQUEST_METHOD_tag method = EREQUEST_METHOD_GET;
+    int method = EREQUEST_METHOD_GET;
     int hops = 0;
     ProbeOnce(url, seconds);
     // A followed redirect starts the probe over at the new place.

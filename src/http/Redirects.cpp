@@ -48,7 +48,9 @@ bool SchemeAllowed(const std::string& scheme, const std::string& list) {
 
 // A header line that carries credentials or cookies for the origin.
 bool IsOriginCredential(const std::string& line) {
-    const std::string name = Lower(line.substr(0, line.find_first_of(":;")));
+    std::string name = Lower(line.substr(0, line.find_first_of(":;")));
+    while (!name.empty() && (name.back() == ' ' || name.back() == '\t'))
+        name.pop_back();
     return name == "authorization" || name == "cookie";
 }
 
@@ -71,7 +73,7 @@ void CHttpClientCurl::EndRedirects() {
     if (m_pSettings) EditRedirects().hopHeaders.reset();
 }
 
-int CHttpClientCurl::FollowRedirect(std::string& url, EREQUEST_METHOD_tag& method, int& hops) {
+int CHttpClientCurl::FollowRedirect(std::string& url, int& method, int& hops) {
     http::RedirectSettings& r = EditRedirects();
     const long status = Report().status;
     if (!r.follow || m_pCurl == nullptr || m_resultCode != CURLE_OK ||

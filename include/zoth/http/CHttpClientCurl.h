@@ -261,10 +261,11 @@ private:
     bool SetSchemeOptions();
     // The custom headers of the next hop: the caller's, or what a hop to another origin left of them.
     const std::vector<std::string>& RequestHeaders();
-    // After a transfer that gave a response: 1 when a redirect is to be followed (url and method are
-    // the next hop's), 0 when the response is final, -1 when the redirect is refused (code and text
-    // set). hops counts the redirects followed so far.
-    int FollowRedirect(std::string& url, EREQUEST_METHOD_tag& method, int& hops);
+    // After a transfer that gave a response: 1 when a redirect is to be followed (url and method, an
+    // EREQUEST_METHOD_tag value, are the next hop's), 0 when the response is final, -1 when the
+    // redirect is refused (code and text set). hops counts the redirects followed so far. The method
+    // is an int: a caller may hand ExecuteRequest a value outside the enumeration.
+    int FollowRedirect(std::string& url, int& method, int& hops);
     // Ends a followed chain: the next operation starts from the caller's headers.
     void EndRedirects();
     // One transfer of a request, redirects not followed.
