@@ -121,7 +121,7 @@ port80_skipped() {
 }
 
 for program in text_tests file_tests task_tests http_tests database_tests database_demo_tests cli_tests \
-  umbrella_client_tests tour_tests; do
+  cli_http_tests umbrella_client_tests tour_tests; do
   run_gtest "$program"
 done
 run_gtest wininet_tests in_port80

@@ -11,6 +11,7 @@
 #include "http/KeptHandle.h"
 #include "http/ProxySettings.h"
 #include "http/TlsTrust.h"
+#include "http/TransferReport.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -50,6 +51,11 @@ struct CHttpClientCurl::Settings {
 
     // The system's proxy and the last transfer's proxy (ProxyOptions.cpp).
     http::ProxySettings proxy;
+
+    // The latest operation's status and failure text (ErrorText.cpp); schemes and redirects
+    // (Redirects.cpp).
+    http::TransferReport report;
+    http::RedirectSettings redirects;
 };
 
 CHttpClientCurl::CHttpClientCurl()
@@ -89,6 +95,7 @@ CHttpClientCurl::~CHttpClientCurl() {
 int CHttpClientCurl::InitCurl() {
     if (!s_bCurlGlobalInitDone.exchange(true)) curl_global_init(CURL_GLOBAL_ALL);
     Settings& s = EditSettings();
+    BeginReport();
     // Reset or replaced, the handle no longer points at the header list.
     m_pCurl = s.keptHandle.Ready(m_pCurl, PoolOf(s));
     if (m_pHeaderList != nullptr) {
@@ -120,7 +127,7 @@ void CHttpClientCurl::BeginTransfer() {
 bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::string& proxy) {
     const bool verify = m_pSettings && m_pSettings->bTlsVerify;
     const long seconds = static_cast<long>(m_dwTimeOutMax / 1000);
-    for (const std::string& line : m_vecCustomHeaders) {
+    for (const std::string& line : RequestHeaders()) {
         // A failed append leaves the list as it was rather than losing it.
         curl_slist* grown = curl_slist_append(m_pHeaderList, line.c_str());
         if (grown != nullptr) m_pHeaderList = grown;
@@ -138,7 +145,7 @@ bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::strin
            SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
            SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) &&
            SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList) && SetProxyOptions(url, proxy) &&
-           SetShareAndTrustOptions();
+           SetShareAndTrustOptions() && SetSchemeOptions();
 }
 
 bool CHttpClientCurl::SetFetchOptions(const std::string& url) {
@@ -157,7 +164,7 @@ bool CHttpClientCurl::SetFetchOptions(const std::string& url) {
                      SetCurlOption(c, r, CURLOPT_TIMEOUT, 1000L) &&
                      SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
                      SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) &&
-                     SetProxyOptions(url, "") && SetShareAndTrustOptions();
+                     SetProxyOptions(url, "") && SetShareAndTrustOptions() && SetSchemeOptions();
     return set;
 }
 
@@ -198,6 +205,23 @@ int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url,
 
 int CHttpClientCurl::RequestOnce(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
                                  const std::string& postData, std::string& response) {
+    std::string current = url;
+    int hopMethod = method;
+    int hops = 0;
+    int result = RequestHop(method, current, proxy, postData, response);
+    for (int next = 1; result == 1 && next > 0;) {
+        next = FollowRedirect(current, hopMethod, hops);
+        if (next > 0)
+            result =
+                RequestHop(static_cast<EREQUEST_METHOD_tag>(hopMethod), current, proxy, postData, response);
+        if (next < 0) result = 0;
+    }
+    EndRedirects();
+    return result;
+}
+
+int CHttpClientCurl::RequestHop(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
+                                const std::string& postData, std::string& response) {
     if (InitCurl() == 0) return 0;
     if (url.empty()) return 0;
     response.clear();
@@ -339,20 +363,28 @@ void CHttpClientCurl::Stop() {
 
 CURLcode CHttpClientCurl::PerformStoppable(bool tellObserver) {
     CURLcode code = CURLE_WRITE_ERROR;
+    http::TransferReport& report = Report();
     // A stop made while no transfer ran ends this one before it begins.
-    if (!m_bStopRequested.exchange(false)) {
+    if (m_bStopRequested.exchange(false)) {
+        SetErrorText("Stopped: Stop() was called before the transfer began");
+    } else {
         // The write callback sees a stop only when a chunk comes; this callback runs about once a
         // second even when nothing does.
         const auto callback = tellObserver ? &CurlStopProgressCallback : &CurlStopCallback;
         CURLcode set = CURLE_OK;
+        report.errorBuffer[0] = '\0';
         if (SetCurlOption(m_pCurl, set, CURLOPT_XFERINFOFUNCTION, callback) &&
             SetCurlOption(m_pCurl, set, CURLOPT_XFERINFODATA, static_cast<void*>(this)) &&
-            SetCurlOption(m_pCurl, set, CURLOPT_NOPROGRESS, 0L))
+            SetCurlOption(m_pCurl, set, CURLOPT_NOPROGRESS, 0L) &&
+            SetCurlOption(m_pCurl, set, CURLOPT_ERRORBUFFER, report.errorBuffer))
             code = PerformThroughProxies();
         else
             code = set;
+        long status = 0;
+        if (curl_easy_getinfo(m_pCurl, CURLINFO_RESPONSE_CODE, &status) == CURLE_OK) report.status = status;
         // A stop made during the transfer belongs to it, whether it ended the transfer or came late.
-        m_bStopRequested = false;
+        if (m_bStopRequested.exchange(false) && code != CURLE_OK)
+            SetErrorText("Stopped: the transfer was ended by Stop()");
         // Ended from the progress callback or from the write callback: one code for a stopped transfer.
         if (code == CURLE_ABORTED_BY_CALLBACK) code = CURLE_WRITE_ERROR;
     }
@@ -381,6 +413,14 @@ void CHttpClientCurl::SetProgressObserver(ProgressObserver observer) {
 CHttpClientCurl::Settings& CHttpClientCurl::EditSettings() {
     if (!m_pSettings) m_pSettings = std::make_unique<Settings>();
     return *m_pSettings;
+}
+
+http::TransferReport& CHttpClientCurl::Report() {
+    return EditSettings().report;
+}
+
+http::RedirectSettings& CHttpClientCurl::EditRedirects() {
+    return EditSettings().redirects;
 }
 
 http::ProxySettings& CHttpClientCurl::EditProxy() {

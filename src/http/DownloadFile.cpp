@@ -10,6 +10,7 @@
 #include "http/DownloadResume.h"
 #include "http/DownloadSettings.h"
 #include "http/RetryPolicy.h"
+#include "http/TransferReport.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -94,9 +95,19 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
             // A binding md5 argument that is no MD5: refused before anything is fetched.
             if (InitCurl() == 0) return 0;
             m_resultCode = CURLE_BAD_FUNCTION_ARGUMENT;
+            SetErrorText("not an MD5 digest: \"" + md5 + "\"; nothing fetched");
             return 0;
         }
-        const int result = DownloadOnce(url, filePath, check);
+        // A redirect gives 0 with CURLE_OK and the redirect's status: followed, when asked, from here.
+        std::string current = url;
+        int method = EREQUEST_METHOD_GET;
+        int hops = 0;
+        int result = DownloadOnce(current, filePath, check);
+        for (int next = 1; result == 0 && next > 0;) {
+            next = FollowRedirect(current, method, hops);
+            if (next > 0) result = DownloadOnce(current, filePath, check);
+        }
+        EndRedirects();
         if (result == 1 || url.empty() || filePath.empty()) return result;
         if (WaitBeforeRetry(clock) <= 0) return 0;
     }
@@ -123,6 +134,8 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
         temp = OpenKeptTemporaryFileA(filePath.c_str(), http::kKeptSuffix, &reused);
         if (temp == INVALID_HANDLE_VALUE && GetLastError() != ERROR_LOCK_VIOLATION) {
             m_resultCode = CURLE_WRITE_ERROR;
+            SetErrorText("cannot write " + filePath +
+                         " (a folder, a read-only file or a missing folder); nothing fetched");
             return 0;
         }
         if (temp != INVALID_HANDLE_VALUE && reused && http::TakeRecord(temp, record)) {
@@ -138,6 +151,8 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
     if (temp == INVALID_HANDLE_VALUE) temp = CreateTemporaryFileA(filePath.c_str(), "zdl");
     if (temp == INVALID_HANDLE_VALUE) {
         m_resultCode = CURLE_WRITE_ERROR;
+        SetErrorText("cannot write " + filePath +
+                     " (a folder, a read-only file or a missing folder); nothing fetched");
         return 0;
     }
     // Deletes the file on every way out, unless it took the target's place or was kept.
@@ -161,6 +176,7 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
     // The kept bytes are digested once, read here; the file position ends behind them.
     if (kept > 0 && !DigestKept(temp, kept, check.kind == text::DigestKind::None ? nullptr : &*sink.digest)) {
         m_resultCode = CURLE_WRITE_ERROR;
+        SetErrorText("cannot read the kept part of " + filePath);
         return 0;
     }
     // Each chunk goes to the temporary file as it arrives. A failed write (a full disk, a size
@@ -182,11 +198,13 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
         to->client->m_dwTotalSize += static_cast<DWORD>(n);
         return to->client->m_bStopRequested ? 0 : n;
     };
-    // Chunks of 100 KiB, as curl's own tool receives them: a sixth of the calls of the default.
     if (!SetCurlOption(m_pCurl, m_resultCode, CURLOPT_WRITEFUNCTION, write) ||
-        !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_WRITEDATA, static_cast<void*>(&sink)) ||
-        !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_BUFFERSIZE, 100L * 1024))
+        !SetCurlOption(m_pCurl, m_resultCode, CURLOPT_WRITEDATA, static_cast<void*>(&sink)))
         return 0;
+    // Chunks of 100 KiB, as curl's own tool receives them: a sixth of the calls of the default. Best
+    // effort: a kept handle whose last transfer failed before it began (a refused scheme, a malformed
+    // URL) still holds its receive buffer through the reset, and libcurl then refuses a new size.
+    curl_easy_setopt(m_pCurl, CURLOPT_BUFFERSIZE, 100L * 1024);
     // Only the missing bytes, and only if the file has not changed since.
     curl_slist* ifRange = nullptr;
     if (kept > 0) {
@@ -236,9 +254,14 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
         double announced = 0.0;
         m_resultCode = curl_easy_getinfo(m_pCurl, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &announced);
         if (m_resultCode != CURLE_OK) return 0;
-        if (static_cast<double>(sink.written) != announced || total != sink.kept + sink.written) return 0;
+        if (static_cast<double>(sink.written) != announced || total != sink.kept + sink.written) {
+            SetErrorText("the range answer was not complete; " + filePath + " left as it was");
+            return 0;
+        }
     } else {
         if (status != 200) {
+            SetErrorText(http::StatusText(status, m_strResponseHeaders) + ": only a 200 answer is saved; " +
+                         filePath + " left as it was");
             // A refusal (503, say) leaves the kept bytes as they were for the next run.
             if (keepable && kept > 0 && sink.mode <= 0 &&
                 KeepPartial(temp, url, record.length, record.validator, kept))
@@ -249,12 +272,24 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
         double announced = 0.0;
         m_resultCode = curl_easy_getinfo(m_pCurl, CURLINFO_CONTENT_LENGTH_DOWNLOAD, &announced);
         if (m_resultCode != CURLE_OK) return 0;
-        if (static_cast<double>(sink.written) != announced) return 0;
+        if (static_cast<double>(sink.written) != announced) {
+            SetErrorText(announced < 0 ? "the answer announced no length, so its end cannot be trusted; " +
+                                             filePath + " left as it was"
+                                       : "the body had " + std::to_string(sink.written) + " bytes, " +
+                                             std::to_string(static_cast<uint64_t>(announced)) +
+                                             " were announced; " + filePath + " left as it was");
+            return 0;
+        }
     }
     // The content the caller named, or the target stays as it was.
-    if (check.kind != text::DigestKind::None && sink.digest->FinishHex() != check.hex) {
-        m_resultCode = CURLE_BAD_CONTENT_ENCODING;
-        return 0;
+    if (check.kind != text::DigestKind::None) {
+        const std::string got = sink.digest->FinishHex();
+        if (got != check.hex) {
+            m_resultCode = CURLE_BAD_CONTENT_ENCODING;
+            SetErrorText("the content's digest is " + got + ", not " + check.hex + " as asked; " + filePath +
+                         " left as it was");
+            return 0;
+        }
     }
 
     // Durable: the data reaches the disk before the rename and the folder's entry after it, so that
@@ -263,11 +298,15 @@ int CHttpClientCurl::DownloadOnce(const std::string& url, const std::string& fil
     const bool durable = settings == nullptr || settings->durable;
     if (durable && !FlushFileBuffers(temp)) {
         m_resultCode = CURLE_WRITE_ERROR;
+        SetErrorText("cannot flush the downloaded data to disk; " + filePath + " left as it was");
         return 0;
     }
     const BOOL placed = CommitTemporaryFileEx(temp, durable ? MOVEFILE_WRITE_THROUGH : 0); // closes it
     temp = INVALID_HANDLE_VALUE;
-    if (!placed) m_resultCode = CURLE_WRITE_ERROR;
+    if (!placed) {
+        m_resultCode = CURLE_WRITE_ERROR;
+        SetErrorText("cannot put the downloaded file in the place of " + filePath);
+    }
     return placed ? 1 : 0;
 }
 

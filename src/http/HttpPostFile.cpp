@@ -19,6 +19,25 @@ const char kFileName[] = "file";
 
 int CHttpClientCurl::HttpPostFile(std::string url, std::string proxy, std::string postData,
                                   std::string filePath, std::string& response) {
+    // A followed 307/308 posts the form again; 301, 302 and 303 fetch the new place with GET.
+    int method = EREQUEST_METHOD_POST;
+    int hops = 0;
+    int result = PostFileOnce(url, proxy, postData, filePath, response);
+    for (int next = 1; result == 1 && next > 0;) {
+        next = FollowRedirect(url, method, hops);
+        if (next > 0)
+            result = method == EREQUEST_METHOD_POST
+                         ? PostFileOnce(url, proxy, postData, filePath, response)
+                         : RequestHop(EREQUEST_METHOD_GET, url, proxy, "", response);
+        if (next < 0) result = 0;
+    }
+    EndRedirects();
+    return result;
+}
+
+int CHttpClientCurl::PostFileOnce(const std::string& url, const std::string& proxy,
+                                  const std::string& postData, const std::string& filePath,
+                                  std::string& response) {
     if (InitCurl() == 0) return 0;
     if (url.empty()) return 0;
     response.clear();
@@ -31,15 +50,21 @@ int CHttpClientCurl::HttpPostFile(std::string url, std::string proxy, std::strin
 
     // libcurl opens the file by name once the transfer runs, and opening a pipe waits for a writer
     // where neither Stop() nor the timeout reaches it. Only a file that opens at once (the layer
-    // refuses pipes and sockets, and never waits on one) is handed on; anything else fails here,
-    // as a file libcurl cannot read fails the transfer.
+    // refuses pipes and sockets, and never waits on one) and gives its first byte (a folder opens on
+    // some systems but reads nothing) is handed on; anything else fails here, before anything is
+    // sent, as a file libcurl cannot read fails the transfer.
     HANDLE file = CreateFileA(filePath.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
                               OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    if (file == INVALID_HANDLE_VALUE) {
+    char byte = 0;
+    DWORD got = 0;
+    const bool readable = file != INVALID_HANDLE_VALUE && ReadFile(file, &byte, 1, &got, nullptr);
+    if (file != INVALID_HANDLE_VALUE) CloseHandle(file);
+    if (!readable) {
         m_resultCode = CURLE_READ_ERROR;
+        SetErrorText("cannot read " + filePath + " (missing, a folder, unreadable or not a plain file); " +
+                     "nothing sent");
         return 0;
     }
-    CloseHandle(file);
 
     curl_httppost* first = nullptr;
     curl_httppost* last = nullptr;

@@ -31,8 +31,13 @@ namespace {
 
 using ZOTH::CHttpClientCurl;
 
+// "get failed: Couldn't connect to server: Failed to connect to ... (libcurl code 7)".
 int TransferFailed(const char* what, CHttpClientCurl& client) {
-    return Error(std::string(what) + " failed: libcurl code " + std::to_string(client.GetResultCode()));
+    std::string text = client.GetErrorText();
+    const CURLcode code = client.GetResultCode();
+    if (text.empty()) text = curl_easy_strerror(code);
+    if (code != CURLE_OK) text += " (libcurl code " + std::to_string(code) + ")";
+    return Error(std::string(what) + " failed: " + text);
 }
 
 int PrintBody(const std::string& body) {
@@ -40,48 +45,130 @@ int PrintBody(const std::string& body) {
     return 0;
 }
 
-// Applies `--verify` and `--cacert FILE` (which implies --verify) from the front of args to client
-// and leaves what follows them in rest. Empty when they were well formed, else the message for Fail.
-std::string TakeTlsOptions(const Args& args, CHttpClientCurl& client, Args& rest) {
-    size_t used = 0;
-    while (used < args.size() && args[used].size() > 1 && args[used][0] == '-') {
-        if (args[used] == "--verify") {
+// curl's conventions beside the TLS and proxy options.
+struct HttpFlags {
+    bool fail = false;    // -f, --fail: a status of 400 or more exits 22, the body unprinted
+    bool include = false; // -i, --include: the response head before the body
+};
+
+// Which options a command takes beyond the TLS and proxy options and -L.
+enum : unsigned { kResponseFlags = 1, kDownloadFlags = 2 };
+
+// A download's own options: --resume, --sha256 HEX, --md5 HEX, --retry N, --retry-max-time S. 1 when
+// args[i] is one (i moves past its value), 0 when not, -1 when malformed (message in error).
+int TakeDownloadOption(const Args& args, size_t& i, CHttpClientCurl& client, int& retries, long& maxSeconds,
+                       std::string& error) {
+    const std::string& option = args[i];
+    if (option == "--resume") {
+        client.SetDownloadResume(true);
+        return 1;
+    }
+    if (option != "--sha256" && option != "--md5" && option != "--retry" && option != "--retry-max-time")
+        return 0;
+    if (i + 1 >= args.size()) {
+        error = option + " needs a value";
+        return -1;
+    }
+    const std::string& value = args[++i];
+    char* end = nullptr;
+    if (option == "--sha256" || option == "--md5") {
+        if (!client.SetDownloadDigest(option.substr(2), value)) error = option + ": not a digest: " + value;
+    } else if (option == "--retry") {
+        const long n = std::strtol(value.c_str(), &end, 10);
+        if (*end != '\0' || value.empty() || n < 0 || n > 1000) error = "--retry needs a count 0..1000";
+        retries = static_cast<int>(n);
+    } else {
+        maxSeconds = std::strtol(value.c_str(), &end, 10);
+        if (*end != '\0' || value.empty() || maxSeconds < 0 || maxSeconds > 86400 * 7)
+            error = "--retry-max-time needs seconds";
+    }
+    return error.empty() ? 1 : -1;
+}
+
+// Takes the options wherever they stand before a "--" and applies them to client; the other
+// arguments go to positional in order ("-" alone is one: standard input). Empty when well formed,
+// else the message for Fail, naming the argument.
+std::string TakeOptions(const Args& args, unsigned accept, CHttpClientCurl& client, HttpFlags& flags,
+                        Args& positional) {
+    int retries = 0;
+    long maxSeconds = 0;
+    bool optionsEnded = false;
+    for (size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        if (optionsEnded || arg.size() < 2 || arg[0] != '-') {
+            positional.push_back(arg);
+            continue;
+        }
+        std::string error;
+        if (arg == "--") {
+            optionsEnded = true;
+        } else if (arg == "--verify") {
             client.SetTlsVerify(true);
-            used += 1;
-        } else if (args[used] == "--cacert") {
-            if (used + 1 >= args.size() || args[used + 1].empty()) return "--cacert needs a FILE";
-            client.SetTlsCaPath(args[used + 1]);
-            used += 2;
+        } else if (arg == "--cacert") {
+            if (i + 1 >= args.size() || args[i + 1].empty()) return "--cacert needs a FILE";
+            client.SetTlsCaPath(args[++i]);
+        } else if (arg == "-L" || arg == "--location") {
+            client.SetFollowRedirects(true);
+        } else if ((accept & kResponseFlags) && (arg == "-f" || arg == "--fail")) {
+            flags.fail = true;
+        } else if ((accept & kResponseFlags) && (arg == "-i" || arg == "--include")) {
+            flags.include = true;
+        } else if ((accept & kDownloadFlags) &&
+                   TakeDownloadOption(args, i, client, retries, maxSeconds, error) != 0) {
+            if (!error.empty()) return error;
         } else {
             // The proxy options and -v (ProxyFlags.cpp).
-            std::string error;
+            size_t used = i;
             const int taken = TakeProxyOption(args, used, client, error);
             if (taken < 0) return error;
-            if (taken == 0) return "unknown option " + args[used];
+            if (taken == 0) return "unknown option '" + arg + "'";
+            i = used - 1;
         }
     }
-    rest.assign(args.begin() + static_cast<std::ptrdiff_t>(used), args.end());
+    if (retries > 0 || maxSeconds > 0)
+        client.SetRetryPolicy(retries + 1, static_cast<DWORD>(maxSeconds * 1000));
     return "";
 }
 
-// `get|post|put [TLS options] URL [DATA]`: DATA "-" reads standard input.
+// Fails unless positional holds from `least` to `most` arguments, naming what is missing or extra.
+std::string CheckCount(const Args& positional, size_t least, size_t most, const char* usage) {
+    if (positional.size() > most)
+        return "unexpected argument '" + positional[most] + "' (usage: " + usage + ")";
+    if (positional.size() < least) return std::string("missing arguments (usage: ") + usage + ")";
+    return "";
+}
+
+// The answer of a request or an upload by curl's conventions: a status of 400 or more under -f is a
+// failure with exit code 22; -i puts the head before the body.
+int Answer(const char* name, CHttpClientCurl& client, const HttpFlags& flags, const std::string& body) {
+    if (flags.fail && client.GetStatusCode() >= 400) {
+        std::fprintf(stderr, "zoth: %s failed: %s\n", name, client.GetErrorText().c_str());
+        return 22;
+    }
+    if (flags.include) std::fputs(client.GetResponseHeaders().c_str(), stdout);
+    return PrintBody(body);
+}
+
+// `get|post|put [options] URL [DATA]`: no DATA (or "-") reads standard input for post and put.
 int RunRequest(const Args& given, ZOTH::EREQUEST_METHOD_tag method, const char* name) {
     CHttpClientCurl client;
+    HttpFlags flags;
     Args args;
-    const std::string bad = TakeTlsOptions(given, client, args);
+    const bool get = method == ZOTH::EREQUEST_METHOD_GET;
+    std::string bad = TakeOptions(given, kResponseFlags, client, flags, args);
+    if (bad.empty()) bad = CheckCount(args, 1, get ? 1 : 2, get ? "get URL" : "post|put URL [DATA|-]");
     if (!bad.empty()) return Fail(bad);
-    if (args.empty() || args.size() > 2) return Fail(std::string(name) + " needs URL [DATA]");
     if (int missing = NeedDll(name, kCurlDll)) return missing;
-    std::string data = args.size() == 2 ? args[1] : "";
-    if (data == "-") data = ReadStdin();
+    std::string data;
+    if (!get) data = args.size() == 2 && args[1] != "-" ? args[1] : ReadStdin();
     std::string response;
     const std::string& proxy = ProxyArgument();
-    int ok = method == ZOTH::EREQUEST_METHOD_GET    ? client.HttpGet(args[0], proxy, data, response)
+    int ok = get                                    ? client.HttpGet(args[0], proxy, data, response)
              : method == ZOTH::EREQUEST_METHOD_POST ? client.HttpPost(args[0], proxy, data, response)
                                                     : client.HttpPut(args[0], proxy, data, response);
     ReportProxy(client);
     if (!ok) return TransferFailed(name, client);
-    return PrintBody(response);
+    return Answer(name, client, flags, response);
 }
 
 int RunGet(const Args& args) {
@@ -163,55 +250,13 @@ private:
     double m_startNow = 0;
 };
 
-// Takes the download's own options (--resume, --sha256 HEX, --md5 HEX, --retry N, --retry-max-time S) from
-// the front of args and applies them; leaves the rest, TLS options included, in rest. Empty when
-// they were well formed, else the message for Fail.
-std::string TakeDownloadOptions(const Args& args, CHttpClientCurl& client, Args& rest) {
-    int retries = 0;
-    long maxSeconds = 0;
-    rest.clear();
-    size_t i = 0;
-    for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
-        const std::string& option = args[i];
-        if (option == "--resume") {
-            client.SetDownloadResume(true);
-            continue;
-        }
-        if (option != "--sha256" && option != "--md5" && option != "--retry" &&
-            option != "--retry-max-time") {
-            rest.push_back(option);
-            if (option == "--cacert" && i + 1 < args.size()) rest.push_back(args[++i]);
-            continue;
-        }
-        if (i + 1 >= args.size()) return option + " needs a value";
-        const std::string& value = args[++i];
-        char* end = nullptr;
-        if (option == "--sha256" || option == "--md5") {
-            if (!client.SetDownloadDigest(option.substr(2), value))
-                return option + ": not a digest: " + value;
-        } else if (option == "--retry") {
-            const long n = std::strtol(value.c_str(), &end, 10);
-            if (*end != '\0' || value.empty() || n < 0 || n > 1000) return "--retry needs a count 0..1000";
-            retries = static_cast<int>(n);
-        } else {
-            maxSeconds = std::strtol(value.c_str(), &end, 10);
-            if (*end != '\0' || value.empty() || maxSeconds < 0 || maxSeconds > 86400 * 7)
-                return "--retry-max-time needs seconds";
-        }
-    }
-    rest.insert(rest.end(), args.begin() + static_cast<std::ptrdiff_t>(i), args.end());
-    if (retries > 0 || maxSeconds > 0)
-        client.SetRetryPolicy(retries + 1, static_cast<DWORD>(maxSeconds * 1000));
-    return "";
-}
-
 int RunDownload(const Args& given) {
     CHttpClientCurl client;
-    Args args, options;
-    std::string bad = TakeDownloadOptions(given, client, options);
-    if (bad.empty()) bad = TakeTlsOptions(options, client, args);
+    HttpFlags flags;
+    Args args;
+    std::string bad = TakeOptions(given, kDownloadFlags, client, flags, args);
+    if (bad.empty()) bad = CheckCount(args, 2, 2, "download URL FILE");
     if (!bad.empty()) return Fail(bad);
-    if (args.size() != 2) return Fail("download needs URL FILE");
     if (!ProxyArgument().empty()) return Fail("download takes no --proxy; --system-proxy applies");
     if (int missing = NeedDll("download", kCurlDll)) return missing;
     ProgressBar bar;
@@ -226,42 +271,55 @@ int RunDownload(const Args& given) {
     const int ok = client.DownloadFile(args[0], args[1], "");
     bar.Finish();
     ReportProxy(client);
-    if (!ok) {
-        if (client.GetResultCode() == CURLE_BAD_CONTENT_ENCODING)
-            return Error("download failed: the content does not have the digest asked for; " + args[1] +
-                         " left as it was");
-        if (client.GetResultCode() != CURLE_OK) return TransferFailed("download", client);
-        return Error("download failed: not a complete 200 answer, or " + args[1] + " cannot be written");
-    }
+    if (!ok) return TransferFailed("download", client);
     std::printf("%s: %u bytes\n", args[1].c_str(), static_cast<unsigned>(client.GetTotalSize()));
     return 0;
 }
 
+// The file is checked by the library before anything is sent: a folder or an unreadable file fails.
 int RunUpload(const Args& given) {
     CHttpClientCurl client;
+    HttpFlags flags;
     Args args;
-    const std::string bad = TakeTlsOptions(given, client, args);
+    std::string bad = TakeOptions(given, kResponseFlags, client, flags, args);
+    if (bad.empty()) bad = CheckCount(args, 2, 2, "upload URL FILE");
     if (!bad.empty()) return Fail(bad);
-    if (args.size() != 2) return Fail("upload needs URL FILE");
     if (int missing = NeedDll("upload", kCurlDll)) return missing;
     std::string response;
     const int ok = client.HttpPostFile(args[0], ProxyArgument(), "", args[1], response);
     ReportProxy(client);
     if (!ok) return TransferFailed("upload", client);
-    return PrintBody(response);
+    return Answer("upload", client, flags, response);
+}
+
+// "12.345 Mbit/s (1543210 bytes in 1000 ms)", in 10^6 bit per second; a probe that received for less
+// than a second gives bytes and time only, which say more than a rate of so short a sample.
+std::string SpeedLine(DWORD bytes, DWORD ms) {
+    char line[128];
+    if (bytes == 0)
+        std::snprintf(line, sizeof line, "no data received");
+    else if (ms < 1000)
+        std::snprintf(line, sizeof line, "%u bytes in %u ms (under a second: no rate given)",
+                      static_cast<unsigned>(bytes), static_cast<unsigned>(ms));
+    else
+        std::snprintf(line, sizeof line, "%.3f Mbit/s (%u bytes in %u ms; 1 Mbit = 10^6 bit)",
+                      bytes * 8.0 / (ms / 1000.0) / 1e6, static_cast<unsigned>(bytes),
+                      static_cast<unsigned>(ms));
+    return line;
 }
 
 int RunSpeed(const Args& given) {
     CHttpClientCurl client;
+    HttpFlags flags;
     Args args;
-    const std::string bad = TakeTlsOptions(given, client, args);
+    std::string bad = TakeOptions(given, 0, client, flags, args);
+    if (bad.empty()) bad = CheckCount(args, 2, 2, "speed URL SECONDS");
     if (!bad.empty()) return Fail(bad);
-    if (args.size() != 2) return Fail("speed needs URL SECONDS");
     if (!ProxyArgument().empty()) return Fail("speed takes no --proxy; --system-proxy applies");
     char* end = nullptr;
     long seconds = std::strtol(args[1].c_str(), &end, 10);
     if (end == args[1].c_str() || *end != '\0' || seconds <= 0 || seconds > 3600)
-        return Fail("SECONDS must be a whole number from 1 to 3600");
+        return Fail("SECONDS must be a whole number from 1 to 3600, not '" + args[1] + "'");
     if (int missing = NeedDll("speed", kCurlDll)) return missing;
     // On a terminal the bar shows the probe's time running out.
     ProgressBar bar("ms");
@@ -275,17 +333,18 @@ int RunSpeed(const Args& given) {
     client.TestNetSpeed(args[0], static_cast<int>(seconds));
     bar.Finish();
     ReportProxy(client);
-    const CURLcode code = client.GetResultCode();
-    // The limit ends a probe of a long stream with a write error: that is its ordinary end.
-    if (code != CURLE_OK && code != CURLE_WRITE_ERROR) return TransferFailed("speed probe", client);
-    std::printf("%.3f Mbit/s (%u bytes in %u ms)\n", client.GetNetSpeed(),
-                static_cast<unsigned>(client.GetTotalSize()),
-                static_cast<unsigned>(client.GetEndTime() - client.GetStartTime()));
+    // The time limit ending a long stream is the probe's ordinary end and no failure; an error status
+    // is one: its page says nothing of the speed.
+    if (!client.GetErrorText().empty()) return TransferFailed("speed probe", client);
+    const DWORD bytes = client.GetTotalSize();
+    std::printf("%s\n",
+                SpeedLine(bytes, bytes > 0 ? client.GetEndTime() - client.GetStartTime() : 0).c_str());
     return 0;
 }
 
 int RunWget(const Args& args) {
-    if (args.size() != 2) return Fail("wget needs HOST PATH");
+    const std::string bad = CheckCount(args, 2, 2, "wget HOST PATH");
+    if (!bad.empty()) return Fail(bad);
     CHttpClientCurl client;
     std::string response;
     if (!client.WininetHttpGet(args[0], args[1], response))
@@ -324,40 +383,44 @@ std::string Md5Hex(const std::string& data) {
 
 // Shown in the usage of every libcurl command.
 #define TLS_OPTIONS_HELP                                                                                     \
+    "\n  -L, --location follow redirects as a browser does (https never to http, credentials kept"           \
+    "\n                 to the first origin, at most 10)"                                                    \
     "\n  --verify       verify the HTTPS server's certificate and host name (system trust store)"            \
     "\n  --cacert FILE  trust the CA certificates in FILE (or a hashed folder) instead; implies --verify"    \
     "\nWithout them HTTPS is encrypted but not authenticated: any certificate is "                           \
-    "accepted." PROXY_OPTIONS_HELP
+    "accepted. Only http:// and https:// URLs are taken." PROXY_OPTIONS_HELP
+#define RESPONSE_OPTIONS_HELP                                                                                \
+    "\n  -f, --fail     a status of 400 or more prints the status on stderr, not the body, and exits 22"     \
+    "\n  -i, --include  print the response head before the body"
+#define DOWNLOAD_OPTIONS_HELP                                                                                \
+    "\n  --resume       keep what a cut download received and continue from there next time"                 \
+    "\n  --sha256 HEX, --md5 HEX  the digest the file must have; else FILE is left as it was"                \
+    "\n  --retry N      try a passing failure (no connection, timeout, 408, 429, 5xx) N more times"          \
+    "\n  --retry-max-time S  within S seconds"
+#define COMMON_OPTIONS                                                                                       \
+    "[-L] [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] "
 
 std::vector<Command> HttpCommands() {
     return {
-        {"get",
-         "get [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] "
-         "URL" TLS_OPTIONS_HELP,
+        {"get", "get [-f] [-i] " COMMON_OPTIONS "URL\n\noptions:" RESPONSE_OPTIONS_HELP TLS_OPTIONS_HELP,
          "GET a URL and print the body", RunGet},
         {"post",
-         "post [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
-         "[DATA|-]" TLS_OPTIONS_HELP,
-         "POST DATA (or standard input) and print the body", RunPost},
+         "post [-f] [-i] " COMMON_OPTIONS "URL [DATA|-]\n\noptions:" RESPONSE_OPTIONS_HELP TLS_OPTIONS_HELP,
+         "POST DATA (standard input when it is missing or -) and print the body", RunPost},
         {"put",
-         "put [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
-         "[DATA|-]" TLS_OPTIONS_HELP,
-         "PUT DATA (or standard input) and print the body", RunPut},
+         "put [-f] [-i] " COMMON_OPTIONS "URL [DATA|-]\n\noptions:" RESPONSE_OPTIONS_HELP TLS_OPTIONS_HELP,
+         "PUT DATA (standard input when it is missing or -) and print the body", RunPut},
         {"download",
-         "download [-v] [--proxy-user USER:PASS] [--system-proxy] [--resume] [--sha256 HEX] [--md5 HEX] "
-         "[--retry N] [--retry-max-time S] [--verify] [--cacert FILE] URL FILE" TLS_OPTIONS_HELP,
-         "download a URL whole into FILE (only a complete 200 answer, with the digest asked for); --retry "
-         "tries a passing failure N more times within S seconds; --resume keeps what a cut download received "
-         "and continues from there next time",
+         "download [--resume] [--sha256 HEX] [--md5 HEX] [--retry N] [--retry-max-time S] " COMMON_OPTIONS
+         "URL FILE\n\noptions:" DOWNLOAD_OPTIONS_HELP TLS_OPTIONS_HELP,
+         "download a URL whole into FILE (only a complete 200 answer, with the digest asked for)",
          RunDownload},
         {"upload",
-         "upload [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
-         "FILE" TLS_OPTIONS_HELP,
-         "post FILE as a multipart form and print the answer", RunUpload},
-        {"speed",
-         "speed [-v] [--proxy URL] [--proxy-user USER:PASS] [--system-proxy] [--verify] [--cacert FILE] URL "
-         "SECONDS" TLS_OPTIONS_HELP,
-         "measure download speed from URL for at most SECONDS", RunSpeed},
+         "upload [-f] [-i] " COMMON_OPTIONS "URL FILE\n\noptions:" RESPONSE_OPTIONS_HELP TLS_OPTIONS_HELP,
+         "post FILE as a multipart form and print the answer (a folder or unreadable FILE is refused)",
+         RunUpload},
+        {"speed", "speed " COMMON_OPTIONS "URL SECONDS\n\noptions:" TLS_OPTIONS_HELP,
+         "measure download speed from URL for at most SECONDS, in Mbit/s (10^6 bit/s)", RunSpeed},
         {"wget", "wget HOST PATH", "plain HTTP GET of PATH from HOST on port 80", RunWget},
     };
 }
@@ -411,7 +474,7 @@ void HttpDemo(Demo& demo) {
     std::string response;
     int ok = client.HttpGet(base + "/hello", "", "", response);
     demo.Step("http", "GET /hello", ok && response == "hello from the loopback server",
-              ok ? "\"" + response + "\"" : "libcurl code " + std::to_string(client.GetResultCode()));
+              ok ? "\"" + response + "\"" : client.GetErrorText());
 
     const std::string target = demo.WorkDir() + "/download.bin";
     ok = client.DownloadFile(base + "/file", target, "");
@@ -420,7 +483,7 @@ void HttpDemo(Demo& demo) {
         ok ? ZOTH::CFileHepler::GetFileMd5(target, demo.WorkDir() + "/download.tmp") : "";
     demo.Step("http", "download 1.5 MiB + MD5 check", ok && actual == expected,
               ok ? "md5 " + actual + (actual == expected ? " matches" : " differs from " + expected)
-                 : "download failed, libcurl code " + std::to_string(client.GetResultCode()));
+                 : "download failed: " + client.GetErrorText());
 
     const std::string source = demo.WorkDir() + "/upload.txt";
     std::ofstream(source, std::ios::binary) << "a file sent as multipart form data\n";
@@ -430,8 +493,7 @@ void HttpDemo(Demo& demo) {
         std::lock_guard<std::mutex> lock(mutex);
         same = uploaded == "a file sent as multipart form data\n";
     }
-    demo.Step("http", "multipart upload", ok && same,
-              ok ? response : "libcurl code " + std::to_string(client.GetResultCode()));
+    demo.Step("http", "multipart upload", ok && same, ok ? response : client.GetErrorText());
 
     client.TestNetSpeed(base + "/stream", 1);
     const double speed = client.GetNetSpeed();

@@ -18,6 +18,8 @@ namespace http {
 struct DownloadSettings;
 struct DownloadCheck;
 struct ProxySettings;
+struct TransferReport;
+struct RedirectSettings;
 class RetryClock;
 } // namespace http
 
@@ -96,6 +98,17 @@ public:
     CURLcode GetResultCode();
     /// Header lines of the latest transfer exactly as received, line ends included.
     std::string GetResponseHeaders();
+    /// HTTP status of the latest libcurl operation's last response (after followed redirects, the
+    /// final one's); 0 when no response came (no connection, a refused URL, no operation yet). The
+    /// WinINet road leaves it as it was.
+    long GetStatusCode();
+    /// Words for the latest libcurl operation's failure; "" when it did what was asked and any status was
+    /// below 400. A libcurl failure gives libcurl's message and its detail ("Couldn't connect to
+    /// server: Failed to connect to 127.0.0.1 port 8080: Connection refused"); a status of 400 or
+    /// more "HTTP status 404 Not Found" (also when the result was 1); the library's own refusals
+    /// (a download's status, length or digest, a stop, an unreadable upload, a refused redirect) say
+    /// what was refused and why.
+    std::string GetErrorText();
 
     /// libcurl's body callback; user is the object. Appends the chunk to the body; returns 0 (ending
     /// the transfer) when a stop is pending or memory runs out, else size * count.
@@ -219,7 +232,50 @@ public:
     /// pooled connection or tunnel they authenticated serves no object without the same credentials.
     void SetProxyCredentials(std::string user, std::string password);
 
+    // ---- Schemes and redirects (Redirects.cpp). Each setting is copied with the object.
+
+    /// The schemes every later libcurl transfer, and every redirect it follows, may use: libcurl's
+    /// protocol names, comma-separated ("http,https,ftp"); "http,https" by default, and an empty list
+    /// goes back to it. A URL of another scheme ends with 0 and CURLE_UNSUPPORTED_PROTOCOL (1) before
+    /// anything is sent; a name libcurl does not know makes every transfer fail with libcurl's code.
+    void SetAllowedSchemes(std::string schemes);
+    /// Following of redirects (301, 302, 303, 307, 308 with a Location) by every later libcurl
+    /// request, download, upload and probe; off by default, when a redirect is the answer. On, as
+    /// browsers do: 303 turns any method into GET and 301/302 a POST into GET (the body is dropped),
+    /// 307/308 keep method and body; https never steps down to http and a scheme outside
+    /// SetAllowedSchemes is not followed (0, CURLE_UNSUPPORTED_PROTOCOL); a hop to another origin
+    /// (scheme, host, port) drops the custom Authorization and Cookie headers for the rest of the
+    /// chain; more than maxHops redirects give 0 and CURLE_TOO_MANY_REDIRECTS (47). Status, headers
+    /// and body are the final response's.
+    void SetFollowRedirects(bool follow, int maxHops = 10);
+
 private:
+    // The latest operation's report and the redirect settings, made on first use.
+    http::TransferReport& Report();
+    http::RedirectSettings& EditRedirects();
+    // Clears status and failure text at the start of an operation (InitCurl).
+    void BeginReport();
+    // The library's own words for the latest operation's outcome ("" for none: a probe's time limit).
+    void SetErrorText(std::string text);
+    // The allowed schemes on the handle. False when libcurl refused the list.
+    bool SetSchemeOptions();
+    // The custom headers of the next hop: the caller's, or what a hop to another origin left of them.
+    const std::vector<std::string>& RequestHeaders();
+    // After a transfer that gave a response: 1 when a redirect is to be followed (url and method, an
+    // EREQUEST_METHOD_tag value, are the next hop's), 0 when the response is final, -1 when the
+    // redirect is refused (code and text set). hops counts the redirects followed so far. The method
+    // is an int: a caller may hand ExecuteRequest a value outside the enumeration.
+    int FollowRedirect(std::string& url, int& method, int& hops);
+    // Ends a followed chain: the next operation starts from the caller's headers.
+    void EndRedirects();
+    // One transfer of a request, redirects not followed.
+    int RequestHop(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
+                   const std::string& postData, std::string& response);
+    // One multipart post of an upload / one probe, redirects not followed.
+    int PostFileOnce(const std::string& url, const std::string& proxy, const std::string& postData,
+                     const std::string& filePath, std::string& response);
+    void ProbeOnce(const std::string& url, int seconds);
+
     // The download and retry settings, or null when all are default / made on first change.
     const http::DownloadSettings* DownloadSettingsOrNull() const;
     http::DownloadSettings& EditDownloadSettings();
