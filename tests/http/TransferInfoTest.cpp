@@ -51,7 +51,8 @@ std::string RefusedUrl() {
 TEST(TransferInfo, ReusedOrNewAndTlsVersionOfFirstAndSecondRequest) {
     zoth_test::CountingServer plain;
     TlsServer tls;
-    if (tls.url.empty()) GTEST_SKIP() << "no TLS server (under Wine: run through scripts/run-windows-tests.sh)";
+    if (tls.url.empty())
+        GTEST_SKIP() << "no TLS server (under Wine: run through scripts/run-windows-tests.sh)";
     // The version the test servers speak: OpenSSL's server offers TLS 1.3; Wine's Schannel may
     // settle on 1.2 with the Linux-side server.
     const std::string wanted = zoth_test::kWindows ? "TLSv1." : "TLSv1.3";
@@ -136,7 +137,8 @@ TEST(TransferInfo, ZothToolSaysConnectionAndTlsVersion) {
     } cases[] = {
         {"TLS", "-v --proxy-user alice:secret " + tls.url,
          "zoth: proxy: none (direct)\nzoth: connection: new\nzoth: tls: TLSv1.3\n"},
-        {"plain", "-v " + plain.Url("/p"), "zoth: proxy: none (direct)\nzoth: connection: new\nzoth: tls: none\n"},
+        {"plain", "-v " + plain.Url("/p"),
+         "zoth: proxy: none (direct)\nzoth: connection: new\nzoth: tls: none\n"},
         {"no server", "-v " + RefusedUrl(), "zoth: connection: none\nzoth: tls: none\n"},
         {"without -v", plain.Url("/q"), ""},
     };
