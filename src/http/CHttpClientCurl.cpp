@@ -177,12 +177,15 @@ bool CHttpClientCurl::SetShareAndTrustOptions() {
     if (s.bTlsVerify && !http::SetProxyTrustOptions(c, r, s.strCaPath)) return false;
     const http::Pool pool = PoolOf(s);
     CURLSH* share = pool == http::Pool::Shared ? http::ProcessShare() : nullptr;
-    // A kept handle keeps its share through the reset: it is set, or cleared, on every transfer.
+    // A kept handle keeps its share through the reset: it is set, or cleared, on every transfer,
+    // except on a handle kept from a transfer on the same pool, which holds exactly that share
+    // (setting it again would only detach and reattach it).
+    const bool holdsShare = m_pSettings && m_pSettings->keptHandle.Kept() && share != nullptr;
     if (m_pSettings) m_pSettings->keptHandle.SetPool(pool);
     if (share == nullptr) return SetCurlOption(c, r, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
     // libcurl closes a pooled connection as soon as the pool holds more than MAXCONNECTS, those in
     // use included; at its default of 5, six threads at once would defeat reuse.
-    return SetCurlOption(c, r, CURLOPT_SHARE, share) &&
+    return (holdsShare || SetCurlOption(c, r, CURLOPT_SHARE, share)) &&
            SetCurlOption(c, r, CURLOPT_MAXCONNECTS, kPooledConnections);
 }
 
