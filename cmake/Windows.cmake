@@ -14,8 +14,9 @@ list(APPEND ZOTH_WARNINGS -Wpedantic)
 
 set(CMAKE_SHARED_LIBRARY_PREFIX "")
 # The system DLLs the platform calls live in, beyond the ones every mingw link has (kernel32, shell32,
-# ole32): version resources, WinINet, shell path calls, WinHTTP's proxy settings.
-string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -lversion -lwininet -lshlwapi -lwinhttp")
+# ole32): version resources, WinINet, shell path calls, WinHTTP's proxy settings, Schannel's
+# connection info.
+string(APPEND CMAKE_CXX_STANDARD_LIBRARIES " -lversion -lwininet -lshlwapi -lwinhttp -lsecur32")
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/bin)
 set(CMAKE_ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 

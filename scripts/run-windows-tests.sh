@@ -172,6 +172,10 @@ out=$(zoth get --cacert "$other_ca" "$good_localhost/tls" 2>&1 | tr -d '\r')
 status=$?
 [ "$status" -ne 0 ] && [[ "$out" == *"libcurl code 60"* ]] && pass "zoth get --cacert other-ca.pem: $out" ||
   fail "zoth get --cacert other-ca.pem: exit $status, said: $out"
+# -v: the proxy, the connection and the TLS version Schannel negotiated, on stderr; credentials nowhere.
+out=$(zoth get -v --proxy-user alice:secret "$good_localhost/verbose" 2>&1 >/dev/null | tr -d '\r')
+[[ "$out" == *"zoth: proxy: none (direct)"*"zoth: connection: new"*"zoth: tls: TLSv1."* ]] && [[ "$out" != *secret* ]] &&
+  pass "zoth get -v https: $(echo "$out" | tr '\n' ' ')" || fail "zoth get -v https: $out"
 db=$(winepath -w "$work/cli.db")
 expect "sql --exec" 0 "" sql --exec "$db" "CREATE TABLE t(a, b); INSERT INTO t VALUES(1, 'x');"
 expect "sql SELECT" 0 $'a\tb\n1\tx' sql "$db" "SELECT a, b FROM t"

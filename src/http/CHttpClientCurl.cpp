@@ -134,18 +134,20 @@ bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::strin
     }
     CURL* c = m_pCurl;
     CURLcode& r = m_resultCode;
+    // The handle is new or just reset: an option whose value equals libcurl's default (no time
+    // limit, verification on, no header list) is left as it stands.
     return SetCurlOption(c, r, CURLOPT_NOSIGNAL, 1L) && SetCurlOption(c, r, CURLOPT_URL, url.c_str()) &&
            SetCurlOption(c, r, CURLOPT_WRITEFUNCTION, &CurlWriteCallback) &&
            SetCurlOption(c, r, CURLOPT_WRITEDATA, static_cast<void*>(this)) &&
            SetCurlOption(c, r, CURLOPT_HEADERDATA, static_cast<void*>(this)) &&
            SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
            SetCurlOption(c, r, CURLOPT_CONNECTTIMEOUT, seconds) &&
-           SetCurlOption(c, r, CURLOPT_TIMEOUT, seconds) &&
+           (seconds == 0 || SetCurlOption(c, r, CURLOPT_TIMEOUT, seconds)) &&
            SetCurlOption(c, r, CURLOPT_ACCEPT_ENCODING, "") &&
-           SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, verify ? 1L : 0L) &&
-           SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, verify ? 2L : 0L) &&
-           SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList) && SetProxyOptions(url, proxy) &&
-           SetShareAndTrustOptions() && SetSchemeOptions();
+           (verify || (SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
+                       SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L))) &&
+           (m_pHeaderList == nullptr || SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList)) &&
+           SetProxyOptions(url, proxy) && SetShareAndTrustOptions() && SetSchemeOptions();
 }
 
 bool CHttpClientCurl::SetFetchOptions(const std::string& url) {
@@ -182,12 +184,15 @@ bool CHttpClientCurl::SetShareAndTrustOptions() {
     if (s.bTlsVerify && !http::SetProxyTrustOptions(c, r, s.strCaPath)) return false;
     const http::Pool pool = PoolOf(s);
     CURLSH* share = pool == http::Pool::Shared ? http::ProcessShare() : nullptr;
-    // A kept handle keeps its share through the reset: it is set, or cleared, on every transfer.
+    // A kept handle keeps its share through the reset: it is set, or cleared, on every transfer,
+    // except on a handle kept from a transfer on the same pool, which holds exactly that share
+    // (setting it again would only detach and reattach it).
+    const bool holdsShare = m_pSettings && m_pSettings->keptHandle.Kept() && share != nullptr;
     if (m_pSettings) m_pSettings->keptHandle.SetPool(pool);
     if (share == nullptr) return SetCurlOption(c, r, CURLOPT_SHARE, static_cast<CURLSH*>(nullptr));
     // libcurl closes a pooled connection as soon as the pool holds more than MAXCONNECTS, those in
     // use included; at its default of 5, six threads at once would defeat reuse.
-    return SetCurlOption(c, r, CURLOPT_SHARE, share) &&
+    return (holdsShare || SetCurlOption(c, r, CURLOPT_SHARE, share)) &&
            SetCurlOption(c, r, CURLOPT_MAXCONNECTS, kPooledConnections);
 }
 
@@ -234,8 +239,7 @@ int CHttpClientCurl::RequestHop(EREQUEST_METHOD_tag method, const std::string& u
     // POSTFIELDS points into postData, which lives until this function returns; no size is given,
     // so libcurl sends up to the first NUL.
     switch (method) {
-    case EREQUEST_METHOD_GET:
-        methodSet = SetCurlOption(c, r, CURLOPT_HTTPGET, 1L);
+    case EREQUEST_METHOD_GET: // a new or reset handle makes a GET
         break;
     case EREQUEST_METHOD_POST:
         methodSet = SetCurlOption(c, r, CURLOPT_POST, 1L) &&

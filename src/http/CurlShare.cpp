@@ -4,16 +4,34 @@
 #include "zoth/platform/Win32Thread.h"
 
 #include <atomic>
-#include <mutex>
+#include <thread>
 
 namespace ZOTH::http {
 
 namespace {
 
+// A lock for the share's short sections (a lookup in the connection pool, the DNS cache or the TLS
+// session cache, a dozen per transfer): one atomic exchange when free, which costs a fraction of a
+// mutex's call; a waiter spins briefly, then yields its time slice so the holder can finish.
+class SpinLock {
+public:
+    void lock() {
+        for (int spins = 0; m_held.exchange(true, std::memory_order_acquire); ++spins) {
+            while (m_held.load(std::memory_order_relaxed)) {
+                if (++spins > 64) std::this_thread::yield();
+            }
+        }
+    }
+    void unlock() { m_held.store(false, std::memory_order_release); }
+
+private:
+    std::atomic<bool> m_held{false};
+};
+
 struct Share {
     CURLSH* handle = nullptr;
-    unsigned int generation = 0;           // the fork generation it was made in
-    std::mutex locks[CURL_LOCK_DATA_LAST]; // one per kind of data, as libcurl asks
+    unsigned int generation = 0;         // the fork generation it was made in
+    SpinLock locks[CURL_LOCK_DATA_LAST]; // one per kind of data, as libcurl asks
 };
 
 // libcurl calls these two in pairs around each use of one kind of shared data, so the lock cannot

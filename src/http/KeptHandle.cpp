@@ -11,9 +11,11 @@ CURL* KeptHandle::Ready(CURL* current, Pool pool) {
         // Options, callbacks, and the last transfer's info and authentication state are cleared; the
         // share, and with it the pooled connections, DNS answers and TLS sessions, stays.
         curl_easy_reset(current);
+        m_kept = true;
         return current;
     }
     Release(current);
+    m_kept = false;
     CURL* handle = curl_easy_init();
     m_generation = generation;
     return handle;

@@ -29,10 +29,14 @@ public:
     void Release(CURL* handle);
     // Records the pool of the transfer being prepared.
     void SetPool(Pool pool) { m_pool = pool; }
+    // Whether the last Ready kept the handle (reset it) rather than made one: a kept handle still
+    // holds the share of its last transfer, which was on the same pool.
+    bool Kept() const { return m_kept; }
 
 private:
     unsigned int m_generation = 0; // the fork generation the handle was made in
     Pool m_pool = Pool::None;
+    bool m_kept = false;
 };
 
 } // namespace ZOTH::http

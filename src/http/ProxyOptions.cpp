@@ -74,14 +74,20 @@ bool CHttpClientCurl::SetProxyOptions(const std::string& url, const std::string&
 
 CURLcode CHttpClientCurl::PerformThroughProxies() {
     http::ProxySettings& p = EditProxy();
-    if (p.candidates.empty()) return curl_easy_perform(m_pCurl);
     CURLcode code = CURLE_OK;
+    if (p.candidates.empty()) {
+        if (!http::WatchTransfer(m_pCurl, p.last, code)) return code;
+        code = curl_easy_perform(m_pCurl);
+        http::FinishTransfer(p.last);
+        return code;
+    }
     for (const std::string& candidate : p.candidates) {
         // An empty string turns every proxy off, the environment's included.
         code = curl_easy_setopt(m_pCurl, CURLOPT_PROXY, candidate.c_str());
-        if (code != CURLE_OK) break;
+        if (code != CURLE_OK || !http::WatchTransfer(m_pCurl, p.last, code)) break;
         p.strLastProxy = http::StripCredentials(candidate);
         code = curl_easy_perform(m_pCurl);
+        http::FinishTransfer(p.last);
         if (!http::TryNext(code)) break;
     }
     return code;

@@ -1,6 +1,8 @@
-// An object's proxy settings beyond the per-request proxy argument, and the proxy decision of its
-// transfer.
+// An object's proxy settings beyond the per-request proxy argument, the proxy decision of its
+// transfer, and what that transfer found out about its connection.
 #pragma once
+
+#include "http/TransferInfo.h"
 
 #include <string>
 #include <vector>
@@ -16,6 +18,8 @@ struct ProxySettings {
     // Credentials for any proxy.
     bool bCredentials = false;
     std::string strUser, strPassword;
+    // The last transfer's connection (TransferInfo.cpp).
+    TransferInfo last;
 };
 
 // url without the "user:password@" of its authority; a URL without a scheme ("host:port") too.

@@ -57,6 +57,10 @@ void ReportProxy(ZOTH::CHttpClientCurl& client) {
     if (!TheFlags().verbose) return;
     const std::string proxy = client.GetLastProxy(); // credentials already stripped
     std::fprintf(stderr, "zoth: proxy: %s\n", proxy.empty() ? "none (direct)" : proxy.c_str());
+    const int reused = client.GetLastConnectionReused();
+    std::fprintf(stderr, "zoth: connection: %s\n", reused > 0 ? "reused" : reused == 0 ? "new" : "none");
+    const std::string tls = client.GetLastTlsVersion();
+    std::fprintf(stderr, "zoth: tls: %s\n", tls.empty() ? "none" : tls.c_str());
 }
 
 } // namespace zoth_cli

@@ -1,5 +1,5 @@
 // The proxy options of the libcurl commands: --proxy URL, --proxy-user USER:PASS, --system-proxy,
-// and -v, which reports the proxy a transfer went through.
+// and -v, which reports the proxy a transfer went through, its connection and its TLS version.
 #pragma once
 
 #include "Commands.h"
@@ -15,7 +15,8 @@ namespace zoth_cli {
 int TakeProxyOption(const Args& args, size_t& used, ZOTH::CHttpClientCurl& client, std::string& error);
 // The --proxy URL given, or "" for none.
 const std::string& ProxyArgument();
-// With -v, says on stderr which proxy the latest transfer went through.
+// With -v, says on stderr which proxy the latest transfer went through, whether its connection was
+// reused or new ("none" when it reached no server), and its TLS version ("none" for plain HTTP).
 void ReportProxy(ZOTH::CHttpClientCurl& client);
 
 // Shown in the usage of every libcurl command.
@@ -23,6 +24,6 @@ void ReportProxy(ZOTH::CHttpClientCurl& client);
     "\n  --proxy URL    through this proxy (http://, https://, socks5://; get, post, put, upload)"           \
     "\n  --proxy-user USER:PASS  credentials for the proxy (Basic, Digest, NTLM, Negotiate)"                 \
     "\n  --system-proxy the system's proxy settings (environment, desktop, PAC) when no --proxy is given"    \
-    "\n  -v             say on stderr which proxy the transfer went through"
+    "\n  -v             say on stderr the proxy used, the connection (new or reused) and the TLS version"
 
 } // namespace zoth_cli

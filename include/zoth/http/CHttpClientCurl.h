@@ -249,6 +249,17 @@ public:
     /// and body are the final response's.
     void SetFollowRedirects(bool follow, int maxHops = 10);
 
+    // ---- What the latest transfer's connection was (TransferInfo.cpp); copied with the object.
+
+    /// Whether the latest libcurl transfer ran on a connection that an earlier transfer had opened
+    /// (taken from the shared pool): 1 reused, 0 opened for it, -1 when it reached no server (it
+    /// failed before, or none ran). Through a proxy, the connection to the proxy.
+    int GetLastConnectionReused();
+    /// The TLS version the latest libcurl transfer's connection spoke, as "TLSv1.3", "TLSv1.2",
+    /// "TLSv1.1" or "TLSv1"; "" for plain HTTP, when it reached no server, or when the TLS library
+    /// cannot tell. For https:// through a proxy, the version spoken with the origin server.
+    std::string GetLastTlsVersion();
+
 private:
     // The latest operation's report and the redirect settings, made on first use.
     http::TransferReport& Report();
