@@ -2,6 +2,7 @@
 #include "zoth/database/CSqlLiteInternal.h"
 
 #include "zoth/text/STRING_UTIL.h"
+#include "zoth/win32.h"
 
 namespace ZOTH {
 
