@@ -1,19 +1,12 @@
 /// \file
-/// The whole public interface of ZOTH Common in one include.
+/// The whole public interface of ZOTH Common in one include: the classes and the Win32 types and
+/// constants their declarations use (see zoth/platform/ZothTypes.h; each macro only where the client
+/// has not defined it). The Win32 calls and error codes of the platform layer come with
+/// "zoth/win32.h". Needs C++20.
 #pragma once
 
-#include "zoth/platform/MemoryHint.h"
-#include "zoth/platform/Win32File.h"
-#include "zoth/platform/Win32Format.h"
-#include "zoth/platform/Win32Guid.h"
-#include "zoth/platform/Win32Inet.h"
-#include "zoth/platform/Win32Path.h"
-#include "zoth/platform/Win32Text.h"
-#include "zoth/platform/Win32Thread.h"
-#include "zoth/platform/Win32Time.h"
-#include "zoth/platform/Win32Types.h"
-#include "zoth/platform/Win32Version.h"
-#include "zoth/platform/ZothExport.h"
+// First, so that a compiler in an older language mode stops with a message naming C++20.
+#include "zoth/platform/ZothTypes.h"
 
 #include "zoth/text/CTimeHelper.h"
 #include "zoth/text/STRING_UTIL.h"

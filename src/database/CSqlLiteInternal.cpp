@@ -3,6 +3,7 @@
 
 #include "SqliteErrorText.h"
 #include "zoth/text/STRING_UTIL.h"
+#include "zoth/win32.h"
 
 namespace ZOTH {
 

@@ -1,6 +1,7 @@
 // Downstream speed probe: count what arrives for a number of seconds, keep nothing.
 
 #include "zoth/http/CHttpClientCurl.h"
+#include "zoth/win32.h"
 
 #include "http/TransferReport.h"
 

@@ -2,6 +2,7 @@
 #include "zoth/task/CTesselControlBase.h"
 
 #include "zoth/text/STRING_UTIL.h"
+#include "zoth/win32.h"
 
 #include <atomic>
 #include <system_error>

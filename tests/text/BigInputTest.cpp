@@ -2,6 +2,7 @@
 // code point above U+FFFF in the caller's buffer; and the zoth tool on standard input longer than
 // 4 GiB, streamed.
 #include "zoth/text/STRING_UTIL.h"
+#include "zoth/win32.h"
 
 #include "Portable.h"
 

@@ -1,7 +1,7 @@
 // CDataBaseInfo: names a database file and carries the caller's version text.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <string>
 

@@ -3,7 +3,7 @@
 
 #include "zoth/database/CDataBaseInfo.h"
 #include "zoth/database/CSqlLiteQueryInternal.h"
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <sqlite3.h>
 #include <string>

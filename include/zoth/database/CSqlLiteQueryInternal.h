@@ -1,7 +1,7 @@
 // CSqlLiteQueryInternal: a cursor over the rows of one compiled SQLite statement.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <memory>
 #include <sqlite3.h>

@@ -2,7 +2,7 @@
 // Paths go to the platform unchanged. Reads open with write access and create a missing file.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <string>
 

@@ -2,7 +2,7 @@
 // one-level listings and recursive deletion. Paths go to the platform unchanged.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <map>
 #include <string>

@@ -2,7 +2,7 @@
 // download, speed probe, multipart upload) and a second road for plain HTTP over WinINet.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <curl/curl.h>
 

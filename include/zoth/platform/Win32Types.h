@@ -1,28 +1,19 @@
 /// \file
 /// The Win32 types, constants and core calls the library is written against. On Windows they come
 /// from <windows.h>; elsewhere this header defines them with the Win32 sizes and values, and the
-/// platform layer (src/platform) implements the calls on POSIX.
+/// platform layer (src/platform) implements the calls on POSIX. Part of "zoth/win32.h": the classes'
+/// headers bring in only "zoth/platform/ZothTypes.h", the types their declarations use.
 #pragma once
 
-#include "zoth/platform/ZothExport.h"
+#include "zoth/platform/ZothTypes.h"
 
-#if defined(_WIN32)
-#include <winsock2.h> // before <windows.h>, as libcurl's headers expect
-#include <windows.h>
-#else
+#if !defined(_WIN32)
 #include <climits>
 #include <cstdint>
 
-#ifndef __int64
-#define __int64 long long // a macro, not a typedef, so that `unsigned __int64` works as on Windows
-#endif
-
-typedef void* HANDLE;
 typedef int BOOL;
 typedef unsigned char BYTE;
-typedef unsigned short WORD;
-typedef uint32_t DWORD; // 32 bits, as on Windows, where `unsigned long` is 32 bits
-typedef int32_t LONG;   // likewise
+typedef int32_t LONG; // 32 bits, as on Windows, where `long` is 32 bits
 typedef uint32_t UINT;
 typedef DWORD* LPDWORD;
 typedef void* LPVOID;
@@ -78,11 +69,6 @@ typedef int64_t LONGLONG;
 #define FILE_SHARE_READ 0x00000001u
 #define FILE_SHARE_WRITE 0x00000002u
 #define FILE_SHARE_DELETE 0x00000004u
-#define CREATE_NEW 1u
-#define CREATE_ALWAYS 2u
-#define OPEN_EXISTING 3u
-#define OPEN_ALWAYS 4u
-#define TRUNCATE_EXISTING 5u
 #define FILE_ATTRIBUTE_READONLY 0x00000001u
 #define FILE_ATTRIBUTE_HIDDEN 0x00000002u
 #define FILE_ATTRIBUTE_DIRECTORY 0x00000010u
@@ -96,15 +82,6 @@ typedef int64_t LONGLONG;
 #define INVALID_FILE_SIZE 0xFFFFFFFFu
 #define INVALID_SET_FILE_POINTER 0xFFFFFFFFu
 
-// Shell special folders (CSIDL_).
-#define CSIDL_DESKTOP 0x0000
-#define CSIDL_PERSONAL 0x0005
-#define CSIDL_MYDOCUMENTS CSIDL_PERSONAL
-#define CSIDL_DESKTOPDIRECTORY 0x0010
-#define CSIDL_APPDATA 0x001a
-#define CSIDL_LOCAL_APPDATA 0x001c
-#define CSIDL_PROFILE 0x0028
-
 // WinINet.
 #define INTERNET_OPEN_TYPE_DIRECT 1u
 #define INTERNET_DEFAULT_HTTP_PORT 80
@@ -112,39 +89,10 @@ typedef int64_t LONGLONG;
 #define INTERNET_FLAG_NO_CACHE_WRITE 0x04000000u
 #define INTERNET_FLAG_DONT_CACHE INTERNET_FLAG_NO_CACHE_WRITE
 
-typedef struct _SYSTEMTIME {
-    WORD wYear;
-    WORD wMonth;
-    WORD wDayOfWeek;
-    WORD wDay;
-    WORD wHour;
-    WORD wMinute;
-    WORD wSecond;
-    WORD wMilliseconds;
-} SYSTEMTIME, *LPSYSTEMTIME;
-
-typedef struct _FILETIME {
-    DWORD dwLowDateTime;
-    DWORD dwHighDateTime;
-} FILETIME, *LPFILETIME;
-
-typedef struct _WIN32_FIND_DATAA {
-    DWORD dwFileAttributes;
-    FILETIME ftCreationTime;
-    FILETIME ftLastAccessTime;
-    FILETIME ftLastWriteTime;
-    DWORD nFileSizeHigh;
-    DWORD nFileSizeLow;
-    DWORD dwReserved0;
-    DWORD dwReserved1;
-    char cFileName[MAX_PATH];
-    char cAlternateFileName[14];
-} WIN32_FIND_DATAA, *LPWIN32_FIND_DATAA;
-
-/// A critical section: the layer keeps its lock behind Impl (see Win32Thread.h).
-typedef struct _RTL_CRITICAL_SECTION {
-    void* Impl;
-} CRITICAL_SECTION, *LPCRITICAL_SECTION;
+typedef SYSTEMTIME* LPSYSTEMTIME;
+typedef FILETIME* LPFILETIME;
+typedef WIN32_FIND_DATAA* LPWIN32_FIND_DATAA;
+typedef CRITICAL_SECTION* LPCRITICAL_SECTION;
 
 typedef struct _GUID {
     uint32_t Data1;

@@ -1,7 +1,7 @@
 // CSimpleThread: an event-driven worker thread, the base of tasks and event timers.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <memory>
 

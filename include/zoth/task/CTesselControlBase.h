@@ -1,7 +1,7 @@
 // CTesselControlBase: the registry of a program's tasks, by id, stopped together.
 #pragma once
 
-#include "zoth/platform/Win32Thread.h"
+#include "zoth/platform/ZothTypes.h"
 #include "zoth/task/CTaskBase.h"
 
 #include <map>

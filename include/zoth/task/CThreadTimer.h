@@ -1,7 +1,7 @@
 // CThreadTimer: a loop timer that calls OnTimer again and again on a detached thread.
 #pragma once
 
-#include "zoth/platform/ZothExport.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <atomic>
 #include <condition_variable>

@@ -1,7 +1,7 @@
 // CTimeHelper: the local clock, file-time ticks, date text and spans in days.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <string>
 

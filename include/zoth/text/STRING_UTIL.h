@@ -1,7 +1,7 @@
 // STRING_UTIL: the library's text toolbox.
 #pragma once
 
-#include "zoth/platform/Win32Types.h"
+#include "zoth/platform/ZothTypes.h"
 
 #include <map>
 #include <set>
