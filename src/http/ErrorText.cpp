@@ -8,7 +8,8 @@ namespace ZOTH {
 namespace http {
 
 std::string StatusText(long status, const std::string& headers) {
-    std::string text = "HTTP status " + std::to_string(status);
+    std::string text = "HTTP status ";
+    text += std::to_string(status);
     // The last status line: after followed redirects or a 100 Continue the headers hold several.
     const size_t line = headers.rfind("HTTP/");
     if (line == std::string::npos) return text;
@@ -17,8 +18,11 @@ std::string StatusText(long status, const std::string& headers) {
     const size_t code = statusLine.find(' ');
     const size_t reason = code == std::string::npos ? code : statusLine.find(' ', code + 1);
     if (reason != std::string::npos && reason + 1 < statusLine.size() &&
-        statusLine.compare(code + 1, reason - code - 1, std::to_string(status)) == 0)
-        text += " " + statusLine.substr(reason + 1);
+        statusLine.compare(code + 1, reason - code - 1, std::to_string(status)) == 0) {
+        // Appended in place: g++ 12 at -O3 warns (-Wrestrict) on " " + a temporary string.
+        text += ' ';
+        text.append(statusLine, reason + 1, std::string::npos);
+    }
     return text;
 }
 

@@ -42,8 +42,14 @@ bool OriginOf(const std::string& url, std::string& scheme, std::string& host, st
 }
 
 bool SchemeAllowed(const std::string& scheme, const std::string& list) {
-    const std::string allowed = "," + Lower(list.empty() ? kDefaultSchemes : list) + ",";
-    return allowed.find("," + scheme + ",") != std::string::npos;
+    // Built by appending: g++ 12 at -O3 warns (-Wrestrict) on "," + a temporary string.
+    std::string allowed(1, ',');
+    allowed += Lower(list.empty() ? kDefaultSchemes : list);
+    allowed += ',';
+    std::string needle(1, ',');
+    needle += scheme;
+    needle += ',';
+    return allowed.find(needle) != std::string::npos;
 }
 
 // A header line that carries credentials or cookies for the origin.
