@@ -108,6 +108,10 @@ echo "installed: $soname, zoth --version: $version"
 # lean on the source tree's private headers.
 step "compile each installed header alone"
 pc_cflags=$(PKG_CONFIG_PATH=$pcdir pkg-config --cflags zoth-common) || fail "pkg-config --cflags zoth-common"
+# The library links libcurl and SQLite itself: a client's link line names only the library, else a
+# linker without --as-needed (clang++, g++ -fsanitize) makes every client load both directly.
+pc_libs=$(PKG_CONFIG_PATH=$pcdir pkg-config --libs zoth-common) || fail "pkg-config --libs zoth-common"
+! grep -qE -- '-l(curl|sqlite3)\b' <<<"$pc_libs" || fail "pkg-config --libs zoth-common names libcurl or SQLite: $pc_libs"
 while IFS= read -r header; do
   rel=${header#"$prefix/include/"}
   # shellcheck disable=SC2086 # the flags are meant to be split
