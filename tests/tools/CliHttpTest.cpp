@@ -175,6 +175,26 @@ TEST(CliHttp, CommandsAsAProcess) {
             EXPECT_EQ(uploads, uploadsBefore) << "the server received an upload";
         }
     }
+    // -i prints one head: the redirect's own without -L; with -L the final response's alone, since
+    // the client keeps no head of the hops it followed.
+    const struct {
+        std::vector<std::string> args;
+        std::string firstLine;
+    } heads[] = {
+        {{"get", "-i", base + "/moved"}, "HTTP/1.1 302 Found\n"},
+        {{"get", "-i", "-L", base + "/moved"}, "HTTP/1.1 200 OK\n"},
+    };
+    for (const auto& h : heads) {
+        SCOPED_TRACE(h.args.size() == 4 ? "-i -L" : "-i");
+        const std::string out = NoCr(RunZoth(h.args).out);
+        EXPECT_EQ(out.rfind(h.firstLine, 0), 0u) << out;
+        size_t count = 0;
+        for (size_t at = out.find("HTTP/1."); at != std::string::npos; at = out.find("HTTP/1.", at + 1))
+            ++count;
+        EXPECT_EQ(count, 1u) << out;
+        EXPECT_NE(out.find("\n\n"), std::string::npos) << "no blank line after the head: " << out;
+    }
+
     // The help's options come after its usage line.
     const std::string help = NoCr(RunZoth({"post", "--help"}).out);
     EXPECT_LT(help.find("usage: zoth post"), help.find("-f, --fail"));

@@ -51,7 +51,7 @@ int RunSpeed(const Args& args);
     "accepted. Only http:// and https:// URLs are taken." PROXY_OPTIONS_HELP
 #define RESPONSE_OPTIONS_HELP                                                                                \
     "\n  -f, --fail     a status of 400 or more prints the status on stderr, not the body, and exits 22"     \
-    "\n  -i, --include  print the response head before the body"
+    "\n  -i, --include  print the response head before the body (with -L the final response's only)"
 #define DOWNLOAD_OPTIONS_HELP                                                                                \
     "\n  --resume       keep what a cut download received and continue from there next time"                 \
     "\n  --sha256 HEX, --md5 HEX  the digest the file must have; else FILE is left as it was"                \
