@@ -20,19 +20,10 @@ const char kFileName[] = "file";
 int CHttpClientCurl::HttpPostFile(std::string url, std::string proxy, std::string postData,
                                   std::string filePath, std::string& response) {
     // A followed 307/308 posts the form again; 301, 302 and 303 fetch the new place with GET.
-    int method = EREQUEST_METHOD_POST;
-    int hops = 0;
-    int result = PostFileOnce(url, proxy, postData, filePath, response);
-    for (int next = 1; result == 1 && next > 0;) {
-        next = FollowRedirect(url, method, hops);
-        if (next > 0)
-            result = method == EREQUEST_METHOD_POST
-                         ? PostFileOnce(url, proxy, postData, filePath, response)
-                         : RequestHop(EREQUEST_METHOD_GET, url, proxy, "", response);
-        if (next < 0) result = 0;
-    }
-    EndRedirects();
-    return result;
+    return FollowRedirects(std::move(url), EREQUEST_METHOD_POST, [&](const std::string& at, int method) {
+        return method == EREQUEST_METHOD_POST ? PostFileOnce(at, proxy, postData, filePath, response)
+                                              : RequestHop(EREQUEST_METHOD_GET, at, proxy, "", response);
+    });
 }
 
 int CHttpClientCurl::PostFileOnce(const std::string& url, const std::string& proxy,
