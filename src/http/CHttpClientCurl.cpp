@@ -210,19 +210,9 @@ int CHttpClientCurl::ExecuteRequest(EREQUEST_METHOD_tag method, std::string url,
 
 int CHttpClientCurl::RequestOnce(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
                                  const std::string& postData, std::string& response) {
-    std::string current = url;
-    int hopMethod = method;
-    int hops = 0;
-    int result = RequestHop(method, current, proxy, postData, response);
-    for (int next = 1; result == 1 && next > 0;) {
-        next = FollowRedirect(current, hopMethod, hops);
-        if (next > 0)
-            result =
-                RequestHop(static_cast<EREQUEST_METHOD_tag>(hopMethod), current, proxy, postData, response);
-        if (next < 0) result = 0;
-    }
-    EndRedirects();
-    return result;
+    return FollowRedirects(url, method, [&](const std::string& at, int hopMethod) {
+        return RequestHop(static_cast<EREQUEST_METHOD_tag>(hopMethod), at, proxy, postData, response);
+    });
 }
 
 int CHttpClientCurl::RequestHop(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,

@@ -99,15 +99,9 @@ int CHttpClientCurl::DownloadFile(std::string url, std::string filePath, std::st
             return 0;
         }
         // A redirect gives 0 with CURLE_OK and the redirect's status: followed, when asked, from here.
-        std::string current = url;
-        int method = EREQUEST_METHOD_GET;
-        int hops = 0;
-        int result = DownloadOnce(current, filePath, check);
-        for (int next = 1; result == 0 && next > 0;) {
-            next = FollowRedirect(current, method, hops);
-            if (next > 0) result = DownloadOnce(current, filePath, check);
-        }
-        EndRedirects();
+        const int result = FollowRedirects(url, EREQUEST_METHOD_GET, [&](const std::string& at, int) {
+            return DownloadOnce(at, filePath, check);
+        });
         if (result == 1 || url.empty() || filePath.empty()) return result;
         if (WaitBeforeRetry(clock) <= 0) return 0;
     }

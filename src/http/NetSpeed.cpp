@@ -8,13 +8,11 @@
 namespace ZOTH {
 
 int CHttpClientCurl::TestNetSpeed(std::string url, int seconds) {
-    int method = EREQUEST_METHOD_GET;
-    int hops = 0;
-    ProbeOnce(url, seconds);
     // A followed redirect starts the probe over at the new place.
-    while (FollowRedirect(url, method, hops) > 0)
-        ProbeOnce(url, seconds);
-    EndRedirects();
+    FollowRedirects(std::move(url), EREQUEST_METHOD_GET, [&](const std::string& at, int) {
+        ProbeOnce(at, seconds);
+        return 0;
+    });
     return 0;
 }
 

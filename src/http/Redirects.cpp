@@ -79,6 +79,20 @@ void CHttpClientCurl::EndRedirects() {
     if (m_pSettings) EditRedirects().hopHeaders.reset();
 }
 
+int CHttpClientCurl::FollowRedirects(std::string url, int method, const RedirectHop& hop) {
+    int hops = 0;
+    int result = hop(url, method);
+    for (int next; (next = FollowRedirect(url, method, hops)) != 0;) {
+        if (next < 0) { // refused: code and text tell why
+            result = 0;
+            break;
+        }
+        result = hop(url, method);
+    }
+    EndRedirects();
+    return result;
+}
+
 int CHttpClientCurl::FollowRedirect(std::string& url, int& method, int& hops) {
     http::RedirectSettings& r = EditRedirects();
     const long status = Report().status;

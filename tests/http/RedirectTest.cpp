@@ -9,7 +9,9 @@
 #include <atomic>
 #include <cctype>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <functional>
 
 using ZOTH::CHttpClientCurl;
 using zoth_test::LoopbackServer;
@@ -172,6 +174,70 @@ TEST(Redirect, DownloadUploadAndProbeFollowToo) {
     EXPECT_EQ(client.GetResultCode(), CURLE_OK);
     EXPECT_EQ(client.GetStatusCode(), 200);
     EXPECT_EQ(client.GetTotalSize(), payload.size());
+}
+
+TEST(Redirect, RefusedAlikeOnEveryRoad) {
+    LoopbackServer server;
+    std::atomic<int> hits{0};
+    Route(server, hits);
+    ASSERT_TRUE(server.Start());
+    TempDir dir;
+    const std::string source = dir / "source.txt", target = dir / "target.bin";
+    std::ofstream(source, std::ios::binary) << "form body";
+
+    // Each road runs one operation on a URL and gives its result; `answered` is its result when the
+    // redirect itself is the answer (a download saves only a 200; the probe always gives 0).
+    using Run = std::function<int(CHttpClientCurl&, const std::string&)>;
+    const struct {
+        const char* name;
+        Run run;
+        int answered;
+    } roads[] = {
+        {"request",
+         [](CHttpClientCurl& c, const std::string& url) {
+             std::string out;
+             return c.HttpGet(url, "", "", out);
+         },
+         1},
+        {"download",
+         [&](CHttpClientCurl& c, const std::string& url) { return c.DownloadFile(url, target, ""); }, 0},
+        {"upload",
+         [&](CHttpClientCurl& c, const std::string& url) {
+             std::string out;
+             return c.HttpPostFile(url, "", "", source, out);
+         },
+         1},
+        {"probe", [](CHttpClientCurl& c, const std::string& url) { return c.TestNetSpeed(url, 5); }, 0},
+    };
+    const struct {
+        const char* name;
+        std::string url;
+        int hits; // requests the server saw
+        CURLcode code;
+        const char* says; // in the error text of a refusal; null for none
+    } cases[] = {
+        {"two hops allowed, the third refused", server.Url("/loop"), 3, CURLE_TOO_MANY_REDIRECTS,
+         "more than 2"},
+        {"a scheme not allowed", Redirect(server, 302, "file:///etc/passwd"), 1, CURLE_UNSUPPORTED_PROTOCOL,
+         "file:///etc/passwd"},
+        {"no Location: the answer", Redirect(server, 302, ""), 1, CURLE_OK, nullptr},
+    };
+    for (const auto& road : roads) {
+        for (const auto& c : cases) {
+            SCOPED_TRACE(std::string(road.name) + ": " + c.name);
+            CHttpClientCurl client;
+            client.SetFollowRedirects(true, 2);
+            hits = 0;
+            EXPECT_EQ(road.run(client, c.url), c.code == CURLE_OK ? road.answered : 0);
+            EXPECT_EQ(client.GetResultCode(), c.code);
+            EXPECT_EQ(client.GetStatusCode(), 302); // the last response's
+            EXPECT_EQ(hits, c.hits);
+            if (c.says != nullptr) {
+                EXPECT_NE(client.GetErrorText().find(c.says), std::string::npos) << client.GetErrorText();
+            }
+            EXPECT_FALSE(std::filesystem::exists(target));
+        }
+    }
 }
 
 #if !defined(_WIN32) // Windows test programs have no in-process TLS server (TlsFixture.h)

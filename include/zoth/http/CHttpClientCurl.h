@@ -279,6 +279,11 @@ private:
     int FollowRedirect(std::string& url, int& method, int& hops);
     // Ends a followed chain: the next operation starts from the caller's headers.
     void EndRedirects();
+    // One transfer of a chain to url with method (an EREQUEST_METHOD_tag value); its result.
+    using RedirectHop = std::function<int(const std::string& url, int method)>;
+    // Runs hop at url, then at each redirect FollowRedirect takes, and ends the chain. The last
+    // hop's result, or 0 when a redirect was refused.
+    int FollowRedirects(std::string url, int method, const RedirectHop& hop);
     // One transfer of a request, redirects not followed.
     int RequestHop(EREQUEST_METHOD_tag method, const std::string& url, const std::string& proxy,
                    const std::string& postData, std::string& response);
