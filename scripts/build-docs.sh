@@ -19,12 +19,20 @@ command -v doxygen >/dev/null || fail "doxygen is missing: run scripts/install-d
 rm -rf "$out/html" "$pages"
 mkdir -p "$pages"
 
-# readme_section TITLE: the body of the README's "## TITLE" section, its headings one level up.
+# The README links to docs/NAME.md#heading; Doxygen knows those pages by the {#label} of their title
+# line, so each such link becomes a reference to its page (a sed script, one line per page).
+doc_links=$(for page in docs/*.md; do
+  label=$(sed -n '1s/.*{#\([A-Za-z0-9_-]*\)}.*/\1/p' "$page")
+  [ -z "$label" ] || printf 's|\\]\\(%s(#[^)]*)?\\)|](@ref %s)|g\n' "$page" "$label"
+done)
+
+# readme_section TITLE: the body of the README's "## TITLE" section, its headings one level up, its
+# links to docs/ pages made references.
 readme_section() {
   local body
   body=$(awk -v want="## $1" '
     /^## / { if (on) exit; if ($0 == want) { on = 1; next } }
-    on { if (/^###/) sub(/^#/, ""); print }' README.md)
+    on { if (/^###/) sub(/^#/, ""); print }' README.md | sed -E "$doc_links")
   [ -n "$body" ] || fail "README.md has no section \"## $1\""
   printf '%s\n' "$body"
 }
