@@ -2,10 +2,6 @@
 // following would keep a custom PUT method after a 303, send a custom Cookie header to any host and
 // let https step down to http.
 
-// The default scheme list is set as libcurl's bit mask (CURLOPT_PROTOCOLS), which libcurl marks
-// deprecated in favour of the string form; the mask is kept for its speed, see SetSchemeOptions.
-#define CURL_DISABLE_DEPRECATION 1
-
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "http/CurlOption.h"
