@@ -1,7 +1,6 @@
 // The schemes a transfer may use, and redirects followed by hand by browser rules: libcurl's own
 // following would keep a custom PUT method after a 303, send a custom Cookie header to any host and
 // let https step down to http.
-
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "http/CurlOption.h"
