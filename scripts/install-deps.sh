@@ -30,6 +30,7 @@ CONTRIBUTOR=(
   tcl libz-mingw-w64-dev patch python3 iproute2  # Windows libcurl/SQLite builds, test servers, port 80 namespace
   doxygen abigail-tools
   libpoco-dev libabsl-dev  # benchmark peers only: the library never links them
+  valgrind  # instructions per request (scripts/count-instructions.sh)
 )
 
 set_name=all

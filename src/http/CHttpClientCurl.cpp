@@ -143,7 +143,7 @@ bool CHttpClientCurl::SetRequestOptions(const std::string& url, const std::strin
            SetCurlOption(c, r, CURLOPT_HEADERFUNCTION, &CurlWriteHeaderCallback) &&
            SetCurlOption(c, r, CURLOPT_CONNECTTIMEOUT, seconds) &&
            (seconds == 0 || SetCurlOption(c, r, CURLOPT_TIMEOUT, seconds)) &&
-           SetCurlOption(c, r, CURLOPT_ACCEPT_ENCODING, "") &&
+           SetCurlOption(c, r, CURLOPT_ACCEPT_ENCODING, http::AcceptEncodingList()) &&
            (verify || (SetCurlOption(c, r, CURLOPT_SSL_VERIFYPEER, 0L) &&
                        SetCurlOption(c, r, CURLOPT_SSL_VERIFYHOST, 0L))) &&
            (m_pHeaderList == nullptr || SetCurlOption(c, r, CURLOPT_HTTPHEADER, m_pHeaderList)) &&

@@ -11,4 +11,8 @@ template <typename T> inline bool SetCurlOption(CURL* curl, CURLcode& result, CU
     return result == CURLE_OK;
 }
 
+// The value for CURLOPT_ACCEPT_ENCODING that offers every encoding this libcurl decodes: the list
+// libcurl's own "" stands for, made once per process (AcceptEncoding.cpp).
+const char* AcceptEncodingList();
+
 } // namespace ZOTH::http

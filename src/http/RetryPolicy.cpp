@@ -48,7 +48,9 @@ bool IsTransientFailure(CURLcode code, long status) {
 
 RetryClock::RetryClock(const DownloadSettings* policy)
     : m_attempts(policy ? std::max(policy->attempts, 1) : 1), m_budgetMs(policy ? policy->budgetMs : 0),
-      m_firstWaitMs(policy ? policy->firstWaitMs : 1000), m_startMs(NowMs()) {}
+      m_firstWaitMs(policy ? policy->firstWaitMs : 1000),
+      // Only a second attempt reads the clock; a single attempt needs no start time.
+      m_startMs(m_attempts > 1 ? NowMs() : 0) {}
 
 bool RetryClock::NextWait(CURLcode code, long status, int64_t retryAfterSeconds, DWORD& waitMs) {
     if (m_done >= m_attempts || !IsTransientFailure(code, status)) return false;
@@ -73,7 +75,8 @@ bool RetryClock::NextWait(CURLcode code, long status, int64_t retryAfterSeconds,
 namespace ZOTH {
 
 int CHttpClientCurl::WaitBeforeRetry(http::RetryClock& clock) {
-    if (m_pCurl == nullptr) return 0; // no transfer was made
+    // No transfer was made, or none may follow: nothing of this one's answer is worth reading.
+    if (m_pCurl == nullptr || clock.Exhausted()) return 0;
     long status = 0;
     curl_off_t retryAfter = -1;
     {

@@ -24,6 +24,8 @@ public:
     // server's Retry-After in seconds (-1: none). False when none follows: the failure is not
     // transient, the attempts are used up, or the wait would pass the budget.
     bool NextWait(CURLcode code, long status, int64_t retryAfterSeconds, DWORD& waitMs);
+    // True when every attempt the policy allows has been made.
+    bool Exhausted() const { return m_done >= m_attempts; }
 
 private:
     int m_attempts;

@@ -89,6 +89,39 @@ TEST(HttpRequest, MethodsBodiesAndHeadersAsTheServerSawThem) {
     }
 }
 
+// The library offers the list of encodings libcurl's own "" stands for, worked out once per process,
+// on a new handle and on a kept one, and decodes what the server then compresses.
+TEST(HttpRequest, OffersLibcurlsOwnEncodingsAndDecodesThem) {
+    std::string big;
+    for (int i = 0; big.size() < 100000; ++i)
+        big += "line " + std::to_string(i) + " of a text that compresses well\n";
+    LoopbackServer server;
+    Recorder echo(server, big);
+    ASSERT_TRUE(server.Start());
+
+    CURL* raw = curl_easy_init();
+    ASSERT_NE(nullptr, raw);
+    const std::string url = server.Url("/echo");
+    curl_easy_setopt(raw, CURLOPT_URL, url.c_str());
+    curl_easy_setopt(raw, CURLOPT_ACCEPT_ENCODING, "");
+    curl_easy_setopt(
+        raw, CURLOPT_WRITEFUNCTION, +[](char*, size_t size, size_t count, void*) { return size * count; });
+    ASSERT_EQ(CURLE_OK, curl_easy_perform(raw));
+    curl_easy_cleanup(raw);
+    const std::string offered = echo.Last().Header("Accept-Encoding");
+    ASSERT_NE("", offered);
+
+    CHttpClientCurl client;
+    std::string response;
+    for (int round = 0; round < 2; ++round) { // a new handle, then the kept one
+        SCOPED_TRACE(round);
+        ASSERT_EQ(1, client.HttpGet(url, "", "", response));
+        EXPECT_EQ(offered, echo.Last().Header("Accept-Encoding"));
+        ASSERT_EQ(1, client.HttpGet(server.Url("/big"), "", "", response));
+        EXPECT_EQ(big, response); // decoded, whether or not the server compressed it
+    }
+}
+
 TEST(HttpRequest, ErrorStatusesRedirectsAndFailures) {
     std::atomic<int> targetHits{0};
     LoopbackServer server;
