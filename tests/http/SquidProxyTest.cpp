@@ -269,6 +269,8 @@ TEST(SquidProxy, ZothToolTakesProxyOptions) {
         EXPECT_NE(std::string::npos, run.err.find(c.err)) << run.err;
         EXPECT_EQ(std::string::npos, (run.out + run.err).find("secret"));
     }
-    EXPECT_NE(std::string::npos, WaitForLog(squid, "alice").find("alice")) << squid.AccessLog();
+    // The squid let the first request through as alice (after its 407 challenge).
+    EXPECT_NE(std::string::npos, WaitForLog(squid, url + " alice").find("GET " + url + " alice"))
+        << squid.AccessLog();
 }
 #endif
