@@ -17,17 +17,6 @@ using zoth_test::LoopbackServer;
 using zoth_test::Recorder;
 using zoth_test::TempDir;
 
-namespace {
-
-std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
-} // namespace
-
 TEST(KeptHandle, EveryTransferSeesOnlyItsOwnOptions) {
     LoopbackServer server;
     Recorder recorder(server);
@@ -93,6 +82,6 @@ TEST(KeptHandle, EveryTransferSeesOnlyItsOwnOptions) {
         }
         EXPECT_EQ(step.custom, seen.Header("X-Test"));
     }
-    EXPECT_EQ(Recorder::Answer("GET", ""), ReadFile(downloaded));
+    EXPECT_EQ(Recorder::Answer("GET", ""), zoth_test::FileText(downloaded));
     EXPECT_EQ(1u, proxy.RequestLines().size()); // only the one POST went through the proxy
 }

@@ -15,8 +15,10 @@
 #include <memory>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace zoth_test {
@@ -144,6 +146,27 @@ private:
     std::string m_big;
     Seen m_seen;
 };
+
+// A PAC script's answer naming one proxy on loopback.
+inline std::string PacProxy(int port) {
+    return "PROXY 127.0.0.1:" + std::to_string(port);
+}
+
+// Serves at /proxy.pac of `server` (not started yet) a PAC script that answers each rule's host
+// with its answer ("PROXY 127.0.0.1:N; DIRECT", ...) and every other host with "DIRECT", starts the
+// server, and returns the script's URL. Throws when the server cannot listen.
+inline std::string ServePac(LoopbackServer& server,
+                            const std::vector<std::pair<std::string, std::string>>& rules) {
+    std::string script = "function FindProxyForURL(url, host) {\n";
+    for (const auto& [host, answer] : rules)
+        script += "  if (host == '" + host + "') return '" + answer + "';\n";
+    script += "  return 'DIRECT';\n}\n";
+    server.Http().Get("/proxy.pac", [script](const httplib::Request&, httplib::Response& res) {
+        res.set_content(script, "application/x-ns-proxy-autoconfig");
+    });
+    if (!server.Start()) throw std::runtime_error("the PAC server cannot listen");
+    return server.Url("/proxy.pac");
+}
 
 // A forward proxy for plain HTTP POSTs: takes absolute-form requests to a loopback origin, sends
 // them on in origin form and relays the answer.

@@ -84,12 +84,7 @@ public:
     int Port() const { return m_port; }
     std::string Address() const { return m_scheme + "://127.0.0.1:" + std::to_string(m_port); }
     // The access log so far: one line per request, with the user name when one authenticated.
-    std::string AccessLog() const {
-        std::ifstream in(m_dir / "access.log");
-        std::ostringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string AccessLog() const { return FileText(m_dir / "access.log"); }
 
 private:
     static int FreePort() {
@@ -142,10 +137,7 @@ private:
         }
         ::kill(pid, SIGKILL);
         ::waitpid(pid, nullptr, 0);
-        std::ifstream in(log);
-        std::ostringstream text;
-        text << in.rdbuf();
-        m_why = "squid did not start: " + text.str().substr(0, 400);
+        m_why = "squid did not start: " + FileText(log).substr(0, 400);
     }
 
     TempDir m_dir;

@@ -5,20 +5,24 @@
 
 #include "CountingServer.h"
 #include "LoopbackServer.h"
+#include "Portable.h"
 #include "SquidProxy.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-#include <sstream>
+#include <chrono>
+#include <string>
+#include <thread>
+#include <vector>
+
+#if defined(ZOTH_TOOL_PATH)
+#include "CliRun.h"
+#endif
 
 using ZOTH::CHttpClientCurl;
 using zoth_test::LoopbackServer;
 using zoth_test::Recorder;
+using zoth_test::ScopedEnv;
 using zoth_test::SquidProxy;
 
 namespace {
@@ -37,13 +41,6 @@ Outcome Get(CHttpClientCurl& client, const std::string& url, const std::string& 
     const size_t last = headers.rfind("HTTP/");
     const std::string status = last == std::string::npos ? "" : headers.substr(last, 12);
     return {result, client.GetResultCode(), status};
-}
-
-std::string ReadText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 // The base64 of "user:password", as Basic would send it.
@@ -68,16 +65,6 @@ std::string WaitForLog(const SquidProxy& squid, const std::string& line) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     return squid.AccessLog();
 }
-
-// Sets an environment variable for the scope, then removes it.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : m_name(name) { ::setenv(name, value.c_str(), 1); }
-    ~ScopedEnv() { ::unsetenv(m_name); }
-
-private:
-    const char* m_name;
-};
 
 } // namespace
 
@@ -168,21 +155,10 @@ TEST(SquidProxy, PacScriptChoosesBetweenTwoSquidsAndDirect) {
     REQUIRE_SQUID(first);
     REQUIRE_SQUID(second);
     LoopbackServer pac;
-    const std::string script = "function FindProxyForURL(url, host) {\n"
-                               "  if (host == 'alpha.test') return 'PROXY 127.0.0.1:" +
-                               std::to_string(first.Port()) +
-                               "';\n"
-                               "  if (host == 'beta.test') return 'PROXY 127.0.0.1:" +
-                               std::to_string(second.Port()) +
-                               "';\n"
-                               "  return 'DIRECT';\n"
-                               "}\n";
-    pac.Http().Get("/proxy.pac", [&](const httplib::Request&, httplib::Response& res) {
-        res.set_content(script, "application/x-ns-proxy-autoconfig");
-    });
-    ASSERT_TRUE(pac.Start());
-    ScopedEnv http("http_proxy", "pac+" + pac.Url("/proxy.pac"));
-    ScopedEnv https("https_proxy", "pac+" + pac.Url("/proxy.pac"));
+    const std::string pacUrl = zoth_test::ServePac(pac, {{"alpha.test", zoth_test::PacProxy(first.Port())},
+                                                         {"beta.test", zoth_test::PacProxy(second.Port())}});
+    ScopedEnv http("http_proxy", ("pac+" + pacUrl).c_str());
+    ScopedEnv https("https_proxy", ("pac+" + pacUrl).c_str());
 
     const std::string plainPort = std::to_string(plain.Port()), tlsPort = std::to_string(tls.Port());
     CHttpClientCurl client;
@@ -231,8 +207,8 @@ TEST(SquidProxy, HttpsProxyVerifiedAgainstTheObjectsCa) {
                      "auth_param basic realm zoth\nacl authed proxy_auth REQUIRED\n"
                      "http_access allow authed\nhttp_access deny all\n",
                      {{"passwd", "alice:$1$zothsalt$g1mON80NIsxyBZ6Eujqew/\n"},
-                      {"cert.pem", ReadText(leaf.cert)},
-                      {"key.pem", ReadText(leaf.key)}},
+                      {"cert.pem", zoth_test::FileText(leaf.cert)},
+                      {"key.pem", zoth_test::FileText(leaf.key)}},
                      "tls-cert=DIR/cert.pem tls-key=DIR/key.pem");
     REQUIRE_SQUID(squid);
     const struct {
@@ -257,13 +233,10 @@ TEST(SquidProxy, HttpsProxyVerifiedAgainstTheObjectsCa) {
     EXPECT_EQ("", plainSeen.Last().Header("Proxy-Authorization"));
 }
 
-// `zoth get -v` through an authenticating squid: the body, the proxy it went through (no
-// credentials in what it prints), and a malformed --proxy-user refused.
+#if defined(ZOTH_TOOL_PATH)
+// `zoth get -v` through an authenticating squid: the body on stdout, the proxy it went through on
+// stderr (no credentials in what it prints), and a malformed --proxy-user refused before any transfer.
 TEST(SquidProxy, ZothToolTakesProxyOptions) {
-    const char* bin = std::getenv("ZOTH_TEST_BIN_DIR");
-    const std::filesystem::path tool =
-        std::filesystem::path(bin ? bin : "/nonexistent") / "../../tools/zoth/zoth";
-    if (!std::filesystem::exists(tool)) GTEST_SKIP() << "the zoth tool is not built";
     LoopbackServer plain;
     Recorder seen(plain);
     ASSERT_TRUE(plain.Start());
@@ -272,22 +245,32 @@ TEST(SquidProxy, ZothToolTakesProxyOptions) {
                      "http_access allow authed\nhttp_access deny all\n",
                      {{"passwd", "alice:$1$zothsalt$g1mON80NIsxyBZ6Eujqew/\n"}});
     REQUIRE_SQUID(squid);
-    const auto run = [&](const std::string& options) {
-        const std::string command = tool.string() + " get " + options + " " + plain.Url("/cli") + " 2>&1";
-        std::string output;
-        if (FILE* pipe = ::popen(command.c_str(), "r")) {
-            char buffer[4096];
-            for (size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
-                output.append(buffer, n);
-            ::pclose(pipe);
-        }
-        return output;
+    const std::string url = plain.Url("/cli");
+    const struct {
+        const char* name;
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string out; // the body
+        std::string err; // a line stderr must hold
+    } cases[] = {
+        {"through the squid",
+         {"get", "-v", "--proxy", squid.Address(), "--proxy-user", "alice:secret", url},
+         0,
+         Recorder::Answer("GET", ""),
+         "zoth: proxy: " + squid.Address() + "\n"},
+        {"--proxy-user without a password", {"get", "--proxy-user", "alice", url}, 2, "", "needs USER:PASS"},
+        {"direct", {"get", "-v", url}, 0, Recorder::Answer("GET", ""), "zoth: proxy: none (direct)\n"},
     };
-    const std::string output = run("-v --proxy " + squid.Address() + " --proxy-user alice:secret");
-    EXPECT_NE(std::string::npos, output.find("GET:")) << output;
-    EXPECT_NE(std::string::npos, output.find("zoth: proxy: " + squid.Address())) << output;
-    EXPECT_EQ(std::string::npos, output.find("secret")) << output;
-    EXPECT_NE(std::string::npos, WaitForLog(squid, "alice").find("alice"));
-    EXPECT_NE(std::string::npos, run("--proxy-user alice " + squid.Address()).find("needs USER:PASS"));
-    EXPECT_NE(std::string::npos, run("-v").find("zoth: proxy: none (direct)"));
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const CliResult run = RunZoth(c.arguments);
+        EXPECT_EQ(c.exitCode, run.exitCode) << run.err;
+        EXPECT_EQ(c.out, run.out);
+        EXPECT_NE(std::string::npos, run.err.find(c.err)) << run.err;
+        EXPECT_EQ(std::string::npos, (run.out + run.err).find("secret"));
+    }
+    // The squid let the first request through as alice (after its 407 challenge).
+    EXPECT_NE(std::string::npos, WaitForLog(squid, url + " alice").find("GET " + url + " alice"))
+        << squid.AccessLog();
 }
+#endif

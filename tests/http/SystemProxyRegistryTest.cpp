@@ -187,17 +187,8 @@ TEST(SystemProxyRegistry, PacScriptFromInternetSettings) {
     ASSERT_TRUE(origin.Start());
     RelayProxy proxy;
     LoopbackServer pac;
-    const std::string script = "function FindProxyForURL(url, host) {\n"
-                               "  if (host == 'alpha.test') return 'PROXY 127.0.0.1:" +
-                               std::to_string(proxy.Port()) +
-                               "';\n"
-                               "  return 'DIRECT';\n"
-                               "}\n";
-    pac.Http().Get("/proxy.pac", [&](const httplib::Request&, httplib::Response& res) {
-        res.set_content(script, "application/x-ns-proxy-autoconfig");
-    });
-    ASSERT_TRUE(pac.Start());
-    ScopedInternetSettings settings({"", "", pac.Url("/proxy.pac")});
+    const std::string pacUrl = zoth_test::ServePac(pac, {{"alpha.test", zoth_test::PacProxy(proxy.Port())}});
+    ScopedInternetSettings settings({"", "", pacUrl});
 
     const std::string alpha = "http://alpha.test:" + std::to_string(origin.Port()) + "/pac";
     CHttpClientCurl client;

@@ -4,30 +4,25 @@
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "LoopbackServer.h"
+#include "Portable.h"
 #include "RelayProxy.h"
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
 
 using ZOTH::CHttpClientCurl;
 using zoth_test::LoopbackServer;
+using zoth_test::PacProxy;
 using zoth_test::Recorder;
 using zoth_test::RelayProxy;
+using zoth_test::ScopedEnv;
 using zoth_test::TempDir;
 
 namespace {
-
-// Sets an environment variable for the scope, then removes it.
-class ScopedEnv {
-public:
-    ScopedEnv(const char* name, const std::string& value) : m_name(name) { ::setenv(name, value.c_str(), 1); }
-    ~ScopedEnv() { ::unsetenv(m_name); }
-
-private:
-    const char* m_name;
-};
 
 // A port on 127.0.0.1 where nothing listens (bound, then closed).
 int DeadPort() {
@@ -45,21 +40,10 @@ TEST(SystemProxy, PacScriptChoosesProxyListOrDirectByHost) {
     RelayProxy first, second;
     const int dead = DeadPort();
     LoopbackServer pac;
-    const std::string script = "function FindProxyForURL(url, host) {\n"
-                               "  if (host == 'alpha.test') return 'PROXY 127.0.0.1:" +
-                               std::to_string(first.Port()) +
-                               "';\n"
-                               "  if (host == 'beta.test') return 'PROXY 127.0.0.1:" +
-                               std::to_string(dead) + "; PROXY 127.0.0.1:" + std::to_string(second.Port()) +
-                               "; DIRECT';\n"
-                               "  return 'DIRECT';\n"
-                               "}\n";
-    pac.Http().Get("/proxy.pac", [&](const httplib::Request&, httplib::Response& res) {
-        res.set_content(script, "application/x-ns-proxy-autoconfig");
-    });
-    ASSERT_TRUE(pac.Start());
-    // libproxy reads http_proxy; "pac+" makes it fetch and run the script.
-    ScopedEnv env("http_proxy", "pac+" + pac.Url("/proxy.pac"));
+    const std::string pacUrl = zoth_test::ServePac(
+        pac, {{"alpha.test", PacProxy(first.Port())},
+              {"beta.test", PacProxy(dead) + "; " + PacProxy(second.Port()) + "; DIRECT"}});
+    ScopedEnv env("http_proxy", ("pac+" + pacUrl).c_str());
 
     const std::string port = std::to_string(origin.Port());
     const std::string alpha = "http://alpha.test:" + port, beta = "http://beta.test:" + port;
@@ -124,7 +108,7 @@ TEST(SystemProxy, CredentialsOfTheSystemsProxyAreUsedButNeverReported) {
     ASSERT_TRUE(origin.Start());
     RelayProxy proxy;
     const std::string address = "127.0.0.1:" + std::to_string(proxy.Port());
-    ScopedEnv env("http_proxy", "http://user:secret@" + address);
+    ScopedEnv env("http_proxy", ("http://user:secret@" + address).c_str());
     CHttpClientCurl client;
     client.SetSystemProxy(true);
     std::string response;

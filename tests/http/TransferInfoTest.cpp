@@ -8,9 +8,13 @@
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
+
+#if defined(ZOTH_TOOL_PATH)
+#include "CliRun.h"
+#endif
 
 using ZOTH::CHttpClientCurl;
 
@@ -110,47 +114,47 @@ TEST(TransferInfo, ReusedOrNewAndTlsVersionOfFirstAndSecondRequest) {
     EXPECT_EQ("", client.GetLastTlsVersion());
 }
 
-#if !defined(_WIN32) // the Windows test script runs zoth.exe -v itself
-// `zoth get -v`: the proxy, the connection and the TLS version on stderr, credentials nowhere.
+#if !defined(_WIN32) && defined(ZOTH_TOOL_PATH) // the Windows test script runs zoth.exe -v itself
+// `zoth get -v`: the body alone on stdout; the proxy, the connection and the TLS version on stderr;
+// credentials nowhere; the exit code of a transfer that worked and of one that did not.
 TEST(TransferInfo, ZothToolSaysConnectionAndTlsVersion) {
-    const char* bin = std::getenv("ZOTH_TEST_BIN_DIR");
-    const std::filesystem::path tool =
-        std::filesystem::path(bin ? bin : "/nonexistent") / "../../tools/zoth/zoth";
-    if (!std::filesystem::exists(tool)) GTEST_SKIP() << "the zoth tool is not built";
     zoth_test::CountingServer plain;
     TlsServer tls;
-    const auto run = [&](const std::string& arguments) {
-        const std::string command = tool.string() + " get " + arguments + " 2>&1";
-        std::string output;
-        if (FILE* pipe = ::popen(command.c_str(), "r")) {
-            char buffer[4096];
-            for (size_t n; (n = std::fread(buffer, 1, sizeof(buffer), pipe)) > 0;)
-                output.append(buffer, n);
-            ::pclose(pipe);
-        }
-        return output;
-    };
+    const std::string refused = RefusedUrl();
     const struct {
         const char* name;
-        std::string arguments;
-        std::string lines; // what stderr must hold, in order
+        std::vector<std::string> arguments;
+        int exitCode;
+        std::string out;   // the body
+        std::string lines; // what stderr must hold, in order; "" when no -v line at all
     } cases[] = {
-        {"TLS", "-v --proxy-user alice:secret " + tls.url,
+        {"TLS",
+         {"get", "-v", "--proxy-user", "alice:secret", tls.url},
+         0,
+         "/tls:",
          "zoth: proxy: none (direct)\nzoth: connection: new\nzoth: tls: TLSv1.3\n"},
-        {"plain", "-v " + plain.Url("/p"),
+        {"plain",
+         {"get", "-v", plain.Url("/p")},
+         0,
+         "/p:",
          "zoth: proxy: none (direct)\nzoth: connection: new\nzoth: tls: none\n"},
-        {"no server", "-v " + RefusedUrl(), "zoth: connection: none\nzoth: tls: none\n"},
-        {"without -v", plain.Url("/q"), ""},
+        {"no server", {"get", "-v", refused}, 1, "", "zoth: connection: none\nzoth: tls: none\n"},
+        {"without -v", {"get", plain.Url("/q")}, 0, "/q:", ""},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        const std::string output = run(c.arguments);
+        const CliResult run = RunZoth(c.arguments);
+        EXPECT_EQ(c.exitCode, run.exitCode) << run.err;
+        EXPECT_EQ(c.out, run.out);
         if (c.lines.empty()) {
-            EXPECT_EQ(std::string::npos, output.find("zoth: ")) << output;
+            EXPECT_EQ(std::string::npos, run.err.find("zoth: ")) << run.err;
         } else {
-            EXPECT_NE(std::string::npos, output.find(c.lines)) << output;
+            EXPECT_NE(std::string::npos, run.err.find(c.lines)) << run.err;
         }
-        EXPECT_EQ(std::string::npos, output.find("secret")) << output;
+        if (c.exitCode != 0) {
+            EXPECT_NE(std::string::npos, run.err.find("zoth: get failed: ")) << run.err;
+        }
+        EXPECT_EQ(std::string::npos, (run.out + run.err).find("secret"));
     }
 }
 #endif

@@ -7,7 +7,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <random>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -49,5 +51,12 @@ public:
 private:
     std::string m_path;
 };
+
+// The whole content of a file, as bytes; "" when it cannot be read.
+inline std::string FileText(const std::string& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
 
 } // namespace zoth_test

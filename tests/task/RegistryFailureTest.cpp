@@ -6,7 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <future>
+#include <latch>
 #include <vector>
 
 using namespace task_test;
@@ -125,48 +127,76 @@ TEST(TaskRegistryFailure, StopAllTaskErasesOnTheSpotAndSurvivesDestructorsThatCo
     EXPECT_TRUE(registry.DeleteTaskById("bb"));
 }
 
-// Under ThreadSanitizer an operation that skipped the lock shows as a data race here.
+// Every locked operation runs on a thread of its own, before, between and after two StopAllTask
+// rounds and the closing; under ThreadSanitizer an operation that skipped the lock shows as a data
+// race, elsewhere as a broken map. The rounds wait for each thread to have gone on (counted, not
+// timed), so the operations meet each other however the machine schedules the threads.
 TEST(TaskRegistryRace, LockedOperationsRacedAgainstEachOther) {
     Registry registry;
     constexpr int kKeys = 40;
+    constexpr int kThreads = 4;
     auto key = [](int i) { return "k" + std::to_string(i % kKeys); };
     std::vector<std::shared_ptr<Probe>> workers; // started again and again while the rest goes on
     for (int i = 0; i < 3; ++i)
         workers.push_back(MakeJob("w" + std::to_string(i)));
     std::atomic<bool> done{false};
     std::atomic<int> found{0};
+    std::atomic<long> steps[kThreads] = {}; // operations each thread has made so far
+    std::latch start(kThreads + 1);         // no thread begins before all have come
     std::vector<std::thread> threads;
-    threads.emplace_back([&] { // adds
-        for (int i = 0; !done; ++i) {
-            auto task = std::make_shared<Probe>();
-            if (i % 3 == 0) task->Complete(); // the next StopAllTask erases it
-            registry.AddTaskMap(i % 11 == 0 ? nullptr : task, key(i));
-        }
+    auto spawn = [&](int index, std::function<void(int)> step) {
+        threads.emplace_back([&, index, step] {
+            start.arrive_and_wait();
+            for (int i = 0; !done; ++i, ++steps[index])
+                step(i);
+        });
+    };
+    spawn(0, [&](int i) { // adds
+        auto task = std::make_shared<Probe>();
+        if (i % 3 == 0) task->Complete(); // the next StopAllTask erases it
+        registry.AddTaskMap(i % 11 == 0 ? nullptr : task, key(i));
     });
-    threads.emplace_back([&] { // looks up
-        for (int i = 0; !done; ++i)
-            if (registry.GetTaskById(key(i))) ++found;
+    spawn(1, [&](int i) { // looks up
+        if (registry.GetTaskById(key(i))) ++found;
     });
-    threads.emplace_back([&] { // deletes
-        for (int i = 0; !done; i += 7)
-            registry.DeleteTaskById(key(i));
+    spawn(2, [&](int i) { // deletes
+        registry.DeleteTaskById(key(i * 7));
     });
-    threads.emplace_back([&] { // registers and starts real workers
-        for (int i = 0; !done; ++i) {
-            const auto& worker = workers[i % workers.size()];
-            registry.AddTaskMap(worker, "w" + std::to_string(i % workers.size()));
-            registry.StartTask(worker);
-            std::this_thread::sleep_for(milliseconds(1));
-        }
+    spawn(3, [&](int i) { // registers and starts real workers
+        const auto& worker = workers[i % workers.size()];
+        registry.AddTaskMap(worker, "w" + std::to_string(i % workers.size()));
+        registry.StartTask(worker);
+        std::this_thread::sleep_for(milliseconds(1));
     });
+    // True once every thread has made `count` more operations than at `since`; generous for a
+    // loaded machine under sanitizers.
+    auto everyThreadWentOn = [&](long count) {
+        long since[kThreads];
+        for (int k = 0; k < kThreads; ++k)
+            since[k] = steps[k];
+        return Eventually(
+            [&] {
+                for (int k = 0; k < kThreads; ++k)
+                    if (steps[k] - since[k] < count) return false;
+                return true;
+            },
+            milliseconds(120000));
+    };
+    start.arrive_and_wait();
     // Stops everything twice while the others go on, then closes the registry.
-    for (int round = 0; round < 2; ++round)
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(everyThreadWentOn(20)) << "round " << round;
         EXPECT_TRUE(registry.StopAllTask());
-    std::this_thread::sleep_for(milliseconds(50));
+    }
+    EXPECT_TRUE(everyThreadWentOn(20));
+    EXPECT_TRUE(Eventually([&] { return found > 0; }, milliseconds(120000)));
     EXPECT_TRUE(registry.SetStopAddTask());
+    EXPECT_TRUE(everyThreadWentOn(20)); // adds and starts refused from here on
     done = true;
     for (auto& thread : threads)
         thread.join();
     EXPECT_GT(found.load(), 0);
+    EXPECT_EQ(nullptr, registry.GetTaskById("late"));
     EXPECT_FALSE(registry.AddTaskMap(std::make_shared<Probe>(), "late"));
+    EXPECT_EQ(nullptr, registry.GetTaskById("late"));
 }

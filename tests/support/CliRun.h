@@ -25,7 +25,7 @@ extern char** environ;
 #endif
 
 #ifndef ZOTH_TOOL_PATH
-#error "ZOTH_TOOL_PATH must name the zoth tool (tests/tools/CMakeLists.txt defines it)"
+#error "ZOTH_TOOL_PATH must name the zoth tool (the test folder's CMakeLists.txt defines it)"
 #endif
 
 namespace zoth_test {
