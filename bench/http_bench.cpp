@@ -8,6 +8,8 @@
 // (DownloadFile is measured in bigfile_bench.)
 #include "zoth/http/CHttpClientCurl.h"
 
+#include "RawCurl.h"
+
 #include <Poco/Exception.h>
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
@@ -171,25 +173,6 @@ bool LibraryGet(const std::string& url, bool reuse) {
     return client.HttpGet(url, "", "", response) == 1 && response.size() == 64;
 }
 
-size_t Append(char* data, size_t size, size_t count, void* user) {
-    static_cast<std::string*>(user)->append(data, size * count);
-    return size * count;
-}
-
-// The same request on the wire as HttpGet makes, with the same options, so only the wrapper differs.
-void SetRawOptions(CURL* curl, const std::string& url, std::string& response) {
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Append);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, static_cast<void*>(&response));
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 30L);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
-    curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-    curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
-    curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
-}
-
 // A share of the raw loop's own, locked per data kind like the library's, with room for eight
 // threads' connections: the best that a new handle per transfer allows.
 class RawShare {
@@ -224,7 +207,7 @@ CURLSH* TheRawShare() {
 bool RawFreshGet(const std::string& url, CURLSH* share) {
     std::string response;
     CURL* curl = curl_easy_init();
-    SetRawOptions(curl, url, response);
+    zoth_bench::SetRawOptions(curl, url, response);
     if (share != nullptr) {
         curl_easy_setopt(curl, CURLOPT_SHARE, share);
         curl_easy_setopt(curl, CURLOPT_MAXCONNECTS, 64L);
@@ -297,7 +280,7 @@ void BM_SmallGetRawKeptHandle(benchmark::State& state, bool tls) {
     const std::string url = ServerFor(tls).Url("/small");
     std::string response;
     CURL* curl = curl_easy_init();
-    SetRawOptions(curl, url, response);
+    zoth_bench::SetRawOptions(curl, url, response);
     RunGets(state, [&] {
         response.clear();
         return curl_easy_perform(curl) == CURLE_OK && response.size() == 64;

@@ -12,6 +12,8 @@
 
 #include "zoth/http/CHttpClientCurl.h"
 
+#include "../RawCurl.h"
+
 #include <Poco/Net/Context.h>
 #include <Poco/Net/HTTPClientSession.h>
 #include <Poco/Net/HTTPRequest.h>
@@ -33,11 +35,6 @@
 namespace {
 
 constexpr int kWarmUp = 300, kCounted = 1000;
-
-size_t Append(char* data, size_t size, size_t count, void* user) {
-    static_cast<std::string*>(user)->append(data, size * count);
-    return size * count;
-}
 
 // Starts the server in a child process; returns its port, or 0.
 int ServeInChild(bool tls, const std::string& cert, const std::string& key, pid_t& child) {
@@ -102,15 +99,7 @@ int main(int argc, char** argv) {
     } else if (mode == "raw") {
         curl_global_init(CURL_GLOBAL_ALL);
         CURL* curl = curl_easy_init();
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &Append);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, static_cast<void*>(&response));
-        curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, 30L);
-        curl_easy_setopt(curl, CURLOPT_TIMEOUT, 30L);
-        curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, "");
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
-        curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
+        zoth_bench::SetRawOptions(curl, url, response);
         ok = Count([&] {
             response.clear();
             return curl_easy_perform(curl) == CURLE_OK && response.size() == 64;
