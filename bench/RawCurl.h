@@ -3,6 +3,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <string>
 
 namespace zoth_bench {
@@ -24,6 +25,35 @@ inline void SetRawOptions(CURL* curl, const std::string& url, std::string& respo
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 0L);
     curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+}
+
+// What an object must do beyond the request on the wire, done on a raw handle: keep the response
+// head, let a stop flag end a transfer that receives nothing, keep libcurl's error text, and pool
+// its connection in `share`. Set once; the handle is then used as it stands.
+struct SameWork {
+    std::string headers;
+    std::atomic<bool> stop{false};
+    char errors[CURL_ERROR_SIZE] = {};
+};
+
+inline size_t AppendHead(char* data, size_t size, size_t count, void* user) {
+    static_cast<SameWork*>(user)->headers.append(data, size * count);
+    return size * count;
+}
+
+inline int StopRequested(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return static_cast<SameWork*>(user)->stop ? 1 : 0;
+}
+
+inline void SetSameWorkOptions(CURL* curl, SameWork& work, CURLSH* share) {
+    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &AppendHead);
+    curl_easy_setopt(curl, CURLOPT_HEADERDATA, static_cast<void*>(&work));
+    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, &StopRequested);
+    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, static_cast<void*>(&work));
+    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, work.errors);
+    curl_easy_setopt(curl, CURLOPT_SHARE, share);
+    curl_easy_setopt(curl, CURLOPT_MAXCONNECTS, 64L);
 }
 
 } // namespace zoth_bench

@@ -1,11 +1,13 @@
 // Instructions per small GET, counted by callgrind in the caller's process only: the server runs in
 // a forked child, and counting covers 1,000 requests after 300 uncounted ones.
 //
-//   small_get_instructions MODE SCHEME   MODE: library | raw | poco   SCHEME: http | https
+//   small_get_instructions MODE SCHEME   MODE: library | raw | raw-same-work | poco   SCHEME: http | https
 //
 // library: one CHttpClientCurl repeating HttpGet (its handle kept across transfers); raw: one libcurl
-// easy handle with the same options, set once; poco: one kept-alive HTTPClientSession. The server
-// answers 64 bytes of application/octet-stream (so no content encoding is chosen) with keep-alive.
+// easy handle with the same options, set once; raw-same-work: that handle also keeping the head,
+// with a stop callback, an error buffer and a share (bench/RawCurl.h); poco: one kept-alive
+// HTTPClientSession. The server answers 64 bytes of application/octet-stream (so no content encoding
+// is chosen) with keep-alive.
 // scripts/count-instructions.sh runs every mode under callgrind and prints the table.
 #define CPPHTTPLIB_OPENSSL_SUPPORT
 #include <httplib.h>
@@ -76,7 +78,7 @@ int Count(const std::function<bool()>& get) {
 
 int main(int argc, char** argv) {
     if (argc != 3 && argc != 5) {
-        std::fprintf(stderr, "usage: %s library|raw|poco http|https [CERT KEY]\n", argv[0]);
+        std::fprintf(stderr, "usage: %s library|raw|raw-same-work|poco http|https [CERT KEY]\n", argv[0]);
         return 2;
     }
     const std::string mode = argv[1];
@@ -102,6 +104,22 @@ int main(int argc, char** argv) {
         zoth_bench::SetRawOptions(curl, url, response);
         ok = Count([&] {
             response.clear();
+            return curl_easy_perform(curl) == CURLE_OK && response.size() == 64;
+        });
+        curl_easy_cleanup(curl);
+    } else if (mode == "raw-same-work") {
+        curl_global_init(CURL_GLOBAL_ALL);
+        CURLSH* share = curl_share_init(); // one thread: no lock callbacks needed
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_CONNECT);
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+        zoth_bench::SameWork work;
+        CURL* curl = curl_easy_init();
+        zoth_bench::SetRawOptions(curl, url, response);
+        zoth_bench::SetSameWorkOptions(curl, work, share);
+        ok = Count([&] {
+            response.clear();
+            work.headers.clear();
             return curl_easy_perform(curl) == CURLE_OK && response.size() == 64;
         });
         curl_easy_cleanup(curl);
