@@ -75,7 +75,7 @@ if [ "$renew" = 1 ]; then
       major=${soname##*.so.}
       if git rev-parse -q --verify "refs/tags/v$major.0.0" >/dev/null; then
         fail "$lib is incompatible with the released $soname baseline (tag v$major.0.0): raise the major" \
-          "version in CMakeLists.txt (a new soname) and renew then, or keep the layout (README, \"ABI\")."
+          "version in CMakeLists.txt (a new soname) and renew then, or keep the layout (docs/abi.md)."
       fi
       echo "check-abi: the changes above replace the baseline of $soname, which is not released yet (no tag v$major.0.0)"
     fi
@@ -100,7 +100,7 @@ fi
 compare "$baseline" --no-added-syms
 if ((diff_rc & 12)); then
   echo "$report"
-  fail "$lib breaks the ABI of $baseline (above). Keep the exported classes' layout (README, \"ABI\")," \
+  fail "$lib breaks the ABI of $baseline (above). Keep the exported classes' layout (docs/abi.md)," \
     "or raise the major version and renew the baseline with 'make abi-baseline' in the same change."
 fi
 # Then the additions, which keep old clients working: reported, not refused.

@@ -2,7 +2,7 @@
 // the fault on the first request only): the target is the old file or the whole new one and nothing
 // else, no temporary file stays, and the result and code say what happened. Every download names the
 // body's SHA-256, so a body that is complete by its announced length but not the real one is caught
-// too. The README's download section has this table.
+// too. docs/testing.md has this table.
 #include "zoth/http/CHttpClientCurl.h"
 
 #include "Digest.h"
